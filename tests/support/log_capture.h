@@ -1,0 +1,42 @@
+// Captures every line the library logs while the object lives.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace VantDRTest {
+
+// One captured line: its priority, the whole text, and for prefixed lines
+// ("file:line(func)[LEVEL][pid]: message") the parsed parts.
+struct LogLine {
+  int priority = 0;
+  std::string text;
+  bool prefixed = false;
+  std::string file;
+  int line = 0;
+  std::string func;
+  std::string level;
+  int pid = 0;
+  std::string message;
+};
+
+class LogCapture {
+ public:
+  LogCapture();  // installs the capturing sink; only one at a time
+  ~LogCapture();  // restores syslog
+  LogCapture(const LogCapture&) = delete;
+  LogCapture& operator=(const LogCapture&) = delete;
+
+  const std::vector<LogLine>& Lines() const;
+  void Clear();
+
+  // The messages (prefix stripped) logged at `level`, in order.
+  std::vector<std::string> Messages(const std::string& level) const;
+  // Every message, prefix stripped, as "LEVEL func: message".
+  std::vector<std::string> Summary() const;
+  // How many lines carry exactly `message` (at any level).
+  int Count(const std::string& message) const;
+  bool Has(const std::string& level, const std::string& message) const;
+};
+
+}  // namespace VantDRTest

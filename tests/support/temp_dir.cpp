@@ -1,0 +1,49 @@
+#include "support/temp_dir.h"
+
+#include <ftw.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+
+namespace VantDRTest {
+namespace {
+
+int RemoveEntry(const char* path, const struct stat*, int, struct FTW*) {
+  return ::remove(path);
+}
+
+}  // namespace
+
+TempDir::TempDir() {
+  char pattern[] = "/tmp/vantdr_test.XXXXXX";
+  if (mkdtemp(pattern) == nullptr) std::abort();
+  path_ = pattern;
+}
+
+TempDir::~TempDir() { nftw(path_.c_str(), RemoveEntry, 16, FTW_DEPTH | FTW_PHYS); }
+
+std::string TempDir::File(const std::string& name) const { return path_ + "/" + name; }
+
+bool WriteText(const std::string& path, const std::string& text) {
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out << text;
+  return static_cast<bool>(out);
+}
+
+std::string ReadText(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+std::string UniqueName(const std::string& stem) {
+  static std::atomic<int> counter{0};
+  return stem + "_" + std::to_string(getpid()) + "_" + std::to_string(counter++);
+}
+
+}  // namespace VantDRTest
