@@ -1,0 +1,65 @@
+// Advisory whole-file locks (flock) shared between processes, on lock files
+// kept in "/tmp/.vantdr_lock".
+#pragma once
+
+#include <string>
+
+#include "vantdr/export.h"
+
+namespace VantDRCore {
+
+// One lock file, opened on demand and locked for one guarded operation.
+// Opening, locking and unlocking run with root effective ids, so processes
+// of different users share the same lock files. Locks belong to the open
+// file: two objects on the same name exclude each other even in one process.
+// Non-copyable, since two objects must not close the same descriptor.
+class VANTDR_API FileLock {
+ public:
+  FileLock();
+  // The lock file of `name` (see getLockFilePath); not opened yet.
+  explicit FileLock(const std::string& name);
+  // Closes the descriptor, which releases a lock still held through it. The
+  // lock file stays.
+  ~FileLock();
+
+  FileLock(const FileLock&) = delete;
+  FileLock& operator=(const FileLock&) = delete;
+
+  // "/tmp/.vantdr_lock/" + name, the name taken as it is (slashes and ".."
+  // included); "" with an ERR line for an empty name.
+  static std::string getLockFilePath(const std::string& name);
+
+  // Points the object at the lock file of `name`. Refused (false) for an
+  // empty name, and while a different lock file is open.
+  bool setLockFile(const std::string& name);
+
+  // Makes sure the lock file's directory exists (created 0755 when missing).
+  bool checkLockDir() const;
+
+  // Opens (creating it if needed) the lock file, or keeps the descriptor
+  // when it is already open on a regular file.
+  bool openLockedFile();
+
+  // flock(operation) polled every 50 ms for up to `timeout` seconds; 0 makes
+  // exactly one attempt. `operation` is LOCK_SH or LOCK_EX, normally with
+  // LOCK_NB (without it the first attempt blocks and `timeout` is moot).
+  // True when the lock is held on return; a time-out is not logged.
+  bool lock(int operation, unsigned timeout);
+
+  // Releases the lock; the file stays open for the next lock().
+  void unlock() const;
+
+  // Whether `operation` could be taken right now; nothing is held afterwards.
+  bool tryLock(int operation);
+
+  // The lock file path; "" when none is set.
+  const std::string& getLockFile() const { return path_; }
+  // The open descriptor, or -1.
+  int getFd() const { return fd_; }
+
+ private:
+  int fd_;
+  std::string path_;
+};
+
+}  // namespace VantDRCore
