@@ -1,0 +1,211 @@
+#include "vantdr/file.h"
+
+#include <stdio.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <sstream>
+
+#include "foundation/durable_write.h"
+#include "vantcore/vlibc.h"
+#include "vantdr/json_text.h"
+#include "vantdr/log.h"
+#include "vantdr/privileged_section.h"
+
+namespace VantDRCore {
+
+bool File::Read(const std::string& path, Json::Value& value) {
+  std::ifstream in(path);
+  if (path.empty()) {
+    VLOG_ERR("Invalid path");
+    return false;
+  }
+  if (access(path.c_str(), F_OK) != 0) {
+    VLOG_DEBUG("file[%s] is not existed", path.c_str());
+    return true;
+  }
+  if (!in.is_open()) {
+    VLOG_ERR("File[%s] is not opened.", path.c_str());
+    return false;
+  }
+  // Line ends are dropped: JSON needs none between tokens.
+  std::string text;
+  std::string line;
+  while (std::getline(in, line)) text += line;
+  return JsonFromString(value, text);
+}
+
+bool File::Write(const std::string& path, const Json::Value& value) {
+  if (path.empty()) {
+    VLOG_ERR("Empty path to write.");
+    return false;
+  }
+  // Written beside the target and renamed over it, so a failure at any step
+  // leaves the previous document in place.
+  const std::string text = JsonToString(value);
+  switch (WriteFileDurably(path, text)) {
+    case DurableWriteStep::kDone:
+      return true;
+    case DurableWriteStep::kOpen:
+      VLOG_ERR("Failed to open file [%s]", path.c_str());
+      break;
+    case DurableWriteStep::kWrite:
+      VLOG_ERR("Failed to write [%s] to [%s].", text.c_str(), path.c_str());
+      break;
+    case DurableWriteStep::kFlush:
+      VLOG_ERR("Failed to flush file[%s]", path.c_str());
+      break;
+    case DurableWriteStep::kSync:
+      VLOG_ERR("Failed to sync file [%s]", path.c_str());
+      break;
+    case DurableWriteStep::kRename:
+      // The synced text could not replace the target (e.g. it is a directory).
+      VLOG_ERR("Failed to replace file [%s], errno=%m", path.c_str());
+      break;
+  }
+  return false;
+}
+
+bool File::Read(int fd, Json::Value& value) {
+  FILE* file = fdopen(fd, "r");
+  if (file == nullptr) {
+    VLOG_ERR("Failed to open file descriptor [%d]", fd);
+    return false;
+  }
+  std::ostringstream text;
+  char buffer[1024];
+  while (fgets(buffer, sizeof(buffer), file) != nullptr) text << buffer;
+  fclose(file);
+  return JsonFromString(value, text.str());
+}
+
+bool File::Write(int fd, const Json::Value& value) {
+  FILE* file = fdopen(fd, "w");
+  if (file == nullptr) {
+    VLOG_ERR("Failed to open file descriptor [%d]", fd);
+    return false;
+  }
+  const std::string text = JsonToString(value);
+  bool ok = false;
+  if (fprintf(file, "%s", text.c_str()) < 0) {
+    VLOG_ERR("Failed to write [%s] to fd[%d]", text.c_str(), fd);
+  } else if (fflush(file) != 0) {
+    VLOG_ERR("Failed to flush file");
+  } else if (fsync(fd) != 0) {
+    VLOG_ERR("Failed to sync file");
+  } else {
+    ok = true;
+  }
+  fclose(file);
+  return ok;
+}
+
+bool File::IsRegularFile(int fd) {
+  if (fd < 0) return false;
+  struct stat st;
+  if (fstat(fd, &st) != 0) return false;
+  return S_ISREG(st.st_mode);
+}
+
+std::string File::GetParentDir(const std::string& path) {
+  if (path.empty()) return std::string();
+  const std::string::size_type slash = path.rfind('/');
+  if (slash == std::string::npos) return path;
+  return path.substr(0, slash);
+}
+
+bool File::CreateDir(const std::string& path, int mode) {
+  if (path.empty()) return false;
+  if (VLIBCFileCheckDir(path.c_str()) == 1) return true;
+  const unsigned bits = static_cast<unsigned>(mode);
+  if (bits >= 01000) {
+    VLOG_ERR("Directory mode error: %o", bits);
+    return false;
+  }
+  char modeText[4];
+  const int length = snprintf(modeText, sizeof(modeText), "%o", bits);
+  if (length < 0 || length > 3) {
+    VLOG_ERR("snprintf error with mode [%o]", bits);
+    return false;
+  }
+  int rc;
+  {
+    VANTDR_PRIVILEGED_SECTION(privileged);
+    rc = VLIBCExec("/bin/mkdir", "-p", path.c_str(), "-m", modeText);
+  }
+  if (rc != 0) {
+    VLOG_ERR("Failed to create dir [%s] with mode [%o]", path.c_str(), bits);
+    return false;
+  }
+  return true;
+}
+
+bool File::RemoveDir(const std::string& path) {
+  if (VLIBCFileCheckDir(path.c_str()) == 0) return true;
+  return VLIBCExec("/bin/rm", "-rf", path.c_str(), nullptr, nullptr) == 0;
+}
+
+template <typename K, typename V>
+bool File::parseLineKeyValue(const std::string& line, const std::string& separator, K& key,
+                             V& value) {
+  if (line.empty() || separator.empty()) {
+    VLOG_WARN("Bad Parameter.");
+    return false;
+  }
+  const std::string::size_type at = line.find(separator);
+  if (at == std::string::npos) {
+    VLOG_NOTICE("Cannot find separator[%s] in line[%s]", separator.c_str(), line.c_str());
+    return false;
+  }
+  // Only the first separator splits: "a=b=c" is key "a", value "b=c".
+  const std::string keyText = line.substr(0, at);
+  const std::string valueText = line.substr(at + separator.size());
+  if (!toType(keyText, key, K())) return false;
+  return toType(valueText, value, V());
+}
+
+template <typename K, typename V>
+int File::Read(const std::string& path, std::map<K, V>& map) {
+  std::ifstream in(path);
+  if (path.empty()) {
+    VLOG_ERR("Invalid path");
+    return -1;
+  }
+  if (access(path.c_str(), F_OK) != 0) return 0;
+  if (!in.is_open()) {
+    VLOG_WARN("File[%s] is not opened.", path.c_str());
+    return -1;
+  }
+  map.clear();
+  std::string line;
+  while (std::getline(in, line)) {
+    K key{};
+    V value{};
+    if (!parseLineKeyValue(line, "=", key, value)) {
+      VLOG_NOTICE("Failed to parse line[%s] from file [%s]", line.c_str(), path.c_str());
+      continue;
+    }
+    map[key] = value;
+  }
+  return static_cast<int>(map.size());
+}
+
+template VANTDR_API int File::Read<std::string, std::string>(const std::string&,
+                                                             std::map<std::string, std::string>&);
+template VANTDR_API int File::Read<std::string, int>(const std::string&,
+                                                     std::map<std::string, int>&);
+template VANTDR_API int File::Read<std::string, double>(const std::string&,
+                                                        std::map<std::string, double>&);
+template VANTDR_API bool File::parseLineKeyValue<std::string, std::string>(const std::string&,
+                                                                           const std::string&,
+                                                                           std::string&,
+                                                                           std::string&);
+template VANTDR_API bool File::parseLineKeyValue<std::string, int>(const std::string&,
+                                                                   const std::string&, std::string&,
+                                                                   int&);
+template VANTDR_API bool File::parseLineKeyValue<std::string, double>(const std::string&,
+                                                                      const std::string&,
+                                                                      std::string&, double&);
+
+}  // namespace VantDRCore
