@@ -1,0 +1,403 @@
+#include "vantdr/sqlite_db.h"
+
+#include <sqlite3.h>
+
+#include <utility>
+
+#include "vantcore/vlibc.h"
+#include "vantdr/json_text.h"
+#include "vantdr/log.h"
+#include "vantdr/utils.h"
+
+namespace VantDRCore {
+
+namespace {
+
+const int kBusyTimeoutMSec = 1000;
+const unsigned kRetryPauseMinMSec = 1000;
+const unsigned kRetryPauseMaxMSec = 2000;
+
+// Fills the empty `record` from the row `stmt` stands on.
+void ParseRecord(sqlite3_stmt* stmt, SqliteValueList& record) {
+  if (stmt == nullptr) {
+    VLOG_ERR("Null Pointer");
+    return;
+  }
+  const int columns = sqlite3_column_count(stmt);
+  for (int i = 0; i < columns; ++i) {
+    const char* name = sqlite3_column_name(stmt, i);
+    const int type = sqlite3_column_type(stmt, i);
+    switch (type) {
+      case SQLITE_INTEGER:
+        record.AddValue(name, SqliteValue(static_cast<long long>(sqlite3_column_int64(stmt, i))));
+        break;
+      case SQLITE_TEXT: {
+        // Read the text before its length: the order SQLite documents.
+        const unsigned char* text = sqlite3_column_text(stmt, i);
+        const int bytes = sqlite3_column_bytes(stmt, i);
+        record.AddValue(
+            name, SqliteValue(text == nullptr ? std::string()
+                                              : std::string(reinterpret_cast<const char*>(text),
+                                                            static_cast<size_t>(bytes))));
+        break;
+      }
+      case SQLITE_NULL:
+        VLOG_WARN("field [%s] has null value", name);
+        break;
+      default:
+        VLOG_WARN("Not supported type [%d] with field [%s]", type, name);
+        break;
+    }
+  }
+}
+
+bool IsBusyOrLocked(int sqliteCode) {
+  return sqliteCode == SQLITE_BUSY || sqliteCode == SQLITE_LOCKED;
+}
+
+// After a failed attempt: converts the raw SQLite error in `db`, and decides
+// (pausing first) whether another attempt is allowed.
+bool PrepareRetry(const SqliteDB& db, unsigned int retryLimit, unsigned int& retries) {
+  const ErrRecorder raw(db);
+  db.SetDBErr(raw);
+  if (!IsBusyOrLocked(raw.GetErrCode())) return false;
+  if (++retries > retryLimit) return false;
+  RandomSleepInMSec(kRetryPauseMinMSec, kRetryPauseMaxMSec);
+  return true;
+}
+
+}  // namespace
+
+SqliteDB::SqliteDB(const std::string& path, unsigned int retryLimit, const std::string& logTag)
+    : path_(path), retryLimit_(retryLimit), logTag_(logTag) {}
+
+SqliteDB::~SqliteDB() { Close(); }
+
+bool SqliteDB::Open() {
+  if (handle_ != nullptr) return true;
+  if (sqlite3_open(path_.c_str(), &handle_) != SQLITE_OK) {
+    Close();
+    VLOG_WARN("Failed to open db[%s]", path_.c_str());
+    return false;
+  }
+  // The handle stays open on failure: a later Open() accepts it as it is.
+  if (sqlite3_busy_timeout(handle_, kBusyTimeoutMSec) != SQLITE_OK) {
+    VLOG_WARN("Failed to set busy timeout with error");
+    return false;
+  }
+  return true;
+}
+
+void SqliteDB::Close() {
+  if (handle_ == nullptr) return;
+  sqlite3_close(handle_);
+  handle_ = nullptr;
+}
+
+bool SqliteDB::IsExisted() const { return VLIBCFileExist(path_.c_str()) == 1; }
+
+// --- single attempts ---------------------------------------------------------
+
+bool SqliteDB::DoExecSqliteCommand(const std::string& sql) {
+  if (handle_ == nullptr) {
+    SetDBErr(SQLITE_MISUSE, "database is not opened");
+    return false;
+  }
+  char* errmsg = nullptr;
+  const int result = sqlite3_exec(handle_, sql.c_str(), nullptr, nullptr, &errmsg);
+  if (result != SQLITE_OK) SetDBErr(result, errmsg);
+  if (errmsg != nullptr) sqlite3_free(errmsg);
+  return result == SQLITE_OK;
+}
+
+bool SqliteDB::DoSelectSqliteRecord(const std::string& sql, SqliteValueList& record) {
+  SetErr(ERR::ERR_DATABASE_OPERATION);
+  if (handle_ == nullptr) {
+    SetDBErr(SQLITE_MISUSE, "database is not opened");
+    return false;
+  }
+  sqlite3_stmt* stmt = nullptr;
+  const int prepared = sqlite3_prepare_v2(handle_, sql.c_str(), -1, &stmt, nullptr);
+  if (prepared != SQLITE_OK) {
+    SetDBErr(prepared, nullptr);
+  } else if (stmt == nullptr) {
+    // Text without a statement (blanks, comments) yields no row, as it does
+    // for sqlite3_exec.
+    SetErr(0);
+  } else {
+    const int stepped = sqlite3_step(stmt);
+    if (stepped == SQLITE_ROW) {
+      SqliteValueList row;
+      ParseRecord(stmt, row);
+      record = std::move(row);
+      SetErr(0);
+    } else if (stepped == SQLITE_DONE) {
+      SetErr(0);
+    } else {
+      SetDBErr(stepped, nullptr);
+    }
+  }
+  if (stmt != nullptr) sqlite3_finalize(stmt);
+  return GetErrCode() == 0;
+}
+
+bool SqliteDB::DoSelectSqliteRecords(const std::string& sql,
+                                     std::vector<SqliteValueList>& records) {
+  SetErr(ERR::ERR_DATABASE_OPERATION);
+  if (handle_ == nullptr) {
+    SetDBErr(SQLITE_MISUSE, "database is not opened");
+    return false;
+  }
+  sqlite3_stmt* stmt = nullptr;
+  const int prepared = sqlite3_prepare_v2(handle_, sql.c_str(), -1, &stmt, nullptr);
+  if (prepared != SQLITE_OK) {
+    SetDBErr(prepared, nullptr);
+  } else if (stmt == nullptr) {
+    SetErr(0);
+  } else {
+    int stepped;
+    while ((stepped = sqlite3_step(stmt)) == SQLITE_ROW) {
+      records.emplace_back();
+      ParseRecord(stmt, records.back());
+    }
+    if (stepped == SQLITE_DONE) {
+      SetErr(0);
+    } else {
+      SetDBErr(stepped, nullptr);
+    }
+  }
+  if (stmt != nullptr) sqlite3_finalize(stmt);
+  return GetErrCode() == 0;
+}
+
+// --- error recording -----------------------------------------------------------
+
+void SqliteDB::SetDBErr(int code, const char* message) const {
+  if (code == 0) return;
+  if (message == nullptr) message = sqlite3_errmsg(handle_);
+  SetErr(code, Json::Value(message));
+}
+
+void SqliteDB::SetDBErr(const ErrRecorder& sqliteErr) const {
+  Json::Value detail(Json::objectValue);
+  const int code = sqliteErr.GetErrCode();
+  if (code != 0) detail["sqlite_errcode"] = Json::Int(code);
+  if (!sqliteErr.GetErrMsg().isNull()) detail["sqlite_errmsg"] = sqliteErr.GetErrMsg();
+  SetErr(IsBusyOrLocked(code) ? ERR::ERR_DATABASE_LOCK : ERR::ERR_DATABASE_OPERATION, detail);
+}
+
+// --- statements with retry -----------------------------------------------------
+
+bool SqliteDB::Exec(const std::string& sql) {
+  SetErr(ERR::ERR_UNKNOWN);
+  if (sql.empty()) {
+    SetErr(ERR::BAD_PARAMETER);
+    VLOG_ERR("empty command to exec db[%s]", path_.c_str());
+    return false;
+  }
+  if (!Open()) {
+    SetErr(ERR::ERR_DATABASE_OPERATION);
+    VLOG_ERR("Failed to open db [%s]", path_.c_str());
+    return false;
+  }
+  if (handle_ == nullptr) {
+    SetErr(ERR::ERR_NULL_POINTER);
+    VLOG_ERR("DB[%s] is not opened", path_.c_str());
+    return false;
+  }
+  unsigned int retries = 0;
+  do {
+    if (DoExecSqliteCommand(sql)) {
+      SetErr(0);
+      if (retries > 0) {
+        VLOG_INFO("After retry [%u] times, success to exec command [%s]", retries, sql.c_str());
+      }
+      return true;
+    }
+  } while (PrepareRetry(*this, retryLimit_, retries));
+  VLOG_ERR("Reach retry limit [%u], failed to exec command [%s] with err [%s]", retries,
+           sql.c_str(), JsonToString(GetErr()).c_str());
+  return false;
+}
+
+// The two select forms log each other's texts on success and on giving up;
+// callers' log filters depend on them as they are.
+bool SqliteDB::SelectByCommand(const std::string& sql, SqliteValueList& record) {
+  if (sql.empty()) {
+    SetErr(ERR::BAD_PARAMETER);
+    VLOG_ERR("Empty command to select record");
+    return false;
+  }
+  if (!Open()) {
+    VLOG_ERR("Failed to open db [%s]", path_.c_str());
+    return false;
+  }
+  unsigned int retries = 0;
+  do {
+    if (DoSelectSqliteRecord(sql, record)) {
+      SetErr(0);
+      if (retries > 0) {
+        VLOG_INFO("After retry [%u] times, success to exec command [%s]", retries, sql.c_str());
+      }
+      return true;
+    }
+  } while (PrepareRetry(*this, retryLimit_, retries));
+  VLOG_ERR("Reach retry limit [%u], failed to select command[%s] with err [%s]", retries,
+           sql.c_str(), JsonToString(GetErr()).c_str());
+  return false;
+}
+
+bool SqliteDB::SelectByCommand(const std::string& sql, std::vector<SqliteValueList>& records) {
+  if (sql.empty()) {
+    SetErr(ERR::BAD_PARAMETER);
+    VLOG_ERR("Empty command to select records");
+    return false;
+  }
+  if (!Open()) {
+    VLOG_ERR("Failed to open db [%s]", path_.c_str());
+    return false;
+  }
+  unsigned int retries = 0;
+  do {
+    if (DoSelectSqliteRecords(sql, records)) {
+      SetErr(0);
+      if (retries > 0) VLOG_INFO("After retry [%u] times, success to select command", retries);
+      return true;
+    }
+  } while (PrepareRetry(*this, retryLimit_, retries));
+  VLOG_ERR("Reach retry limit [%u], failed to exec command [%s] with err [%s]", retries,
+           sql.c_str(), JsonToString(GetErr()).c_str());
+  return false;
+}
+
+// --- tables --------------------------------------------------------------------
+
+bool SqliteDB::GetCount(const SqliteTableHandler& table, int& count) {
+  const std::string sql = "SELECT count() as count FROM '" + table.GetName() + "';";
+  std::vector<SqliteValueList> rows;
+  SelectByCommand(sql, rows);
+  if (rows.empty()) {
+    VLOG_ERR("Record is empty on command [%s]", sql.c_str());
+    return false;
+  }
+  if (!rows.front().GetValue<int>("count", count)) {
+    VLOG_ERR("Record error [%s]", rows.front().ToStr().c_str());
+    return false;
+  }
+  return true;
+}
+
+bool SqliteDB::IsTableExisted(const std::string& tableName) {
+  std::vector<SqliteValueList> rows;
+  SelectByCommand("SELECT 1 FROM sqlite_master WHERE type='table' AND name='" + tableName + "';",
+                  rows);
+  return !rows.empty();
+}
+
+bool SqliteDB::CreateTable(const SqliteTableHandler& table) {
+  const std::string& columns = table.GetColumnDefinitions();
+  if (columns.empty()) return true;
+  const std::string& name = table.GetName();
+  if (name.empty()) {
+    VLOG_ERR("Invalid table [%s]", name.c_str());
+    return false;
+  }
+  if (IsTableExisted(name)) return true;
+  const std::string sql = "CREATE TABLE IF NOT EXISTS " + name + " (" + columns + ")";
+  if (Exec(sql)) return true;
+  VLOG_ERR("Failed to create table [%s] with cmd[%s]", name.c_str(), sql.c_str());
+  return false;
+}
+
+// --- records ---------------------------------------------------------------------
+
+bool SqliteDB::Exec(const SqliteCommand& command) {
+  SetErr(ERR::ERR_UNKNOWN);
+  // Built once, before validation: an invalid builder logs its own refusal
+  // and shows here with its empty text.
+  const std::string sql = command.GetCommand();
+  VLOG_INFO("%s Exec cmd: %s", logTag_.c_str(), sql.c_str());
+  if (!command.IsValid()) {
+    SetErr(ERR::BAD_PARAMETER);
+    return false;
+  }
+  SetErr(ERR::ERR_DATABASE_OPERATION);
+  if (!CreateTable(command.GetTable())) {
+    VLOG_ERR("Failed to create table [%s]", command.GetTable().GetName().c_str());
+    return false;
+  }
+  if (!Exec(sql)) {
+    VLOG_ERR("Failed to exec [%s] in db[%s]", sql.c_str(), path_.c_str());
+    return false;
+  }
+  VLOG_INFO("%s Exec cmd success", logTag_.c_str());
+  SetErr(0);
+  return true;
+}
+
+bool SqliteDB::InsertRecord(const InsertCommand& command) { return Exec(command); }
+
+bool SqliteDB::UpdateRecord(const UpdateCommand& command) { return Exec(command); }
+
+bool SqliteDB::DeleteRecord(const DeleteCommand& command) {
+  // Nothing to delete; the error record is left as it was, like a select on
+  // a missing file.
+  if (!IsExisted()) return true;
+  return Exec(command);
+}
+
+bool SqliteDB::DeleteRecord(const std::string& condition, const SqliteTableHandler& table) {
+  if (condition.empty()) {
+    SetErr(ERR::BAD_PARAMETER);
+    VLOG_ERR("invalid delete command: condition[%s]", condition.c_str());
+    return false;
+  }
+  DeleteCommand command;
+  // A refused table leaves the command invalid, and Exec refuses it with 401.
+  command.SetTable(table);
+  command.SetCondition(condition);
+  return DeleteRecord(command);
+}
+
+bool SqliteDB::DeleteAllRecords(const SqliteTableHandler& table) {
+  DeleteCommand command;
+  command.SetTable(table);
+  command.DeleteAll();
+  return DeleteRecord(command);
+}
+
+bool SqliteDB::SelectRecord(const SelectCommand& command, SqliteValueList& record) {
+  if (!command.IsValid()) {
+    SetErr(ERR::BAD_PARAMETER);
+    VLOG_ERR("invalid select command [%s]", command.ToStr().c_str());
+    return false;
+  }
+  if (!IsExisted()) return false;
+  SetErr(ERR::ERR_DATABASE_OPERATION);
+  if (!CreateTable(command.GetTable())) {
+    VLOG_ERR("Failed to create table");
+    return false;
+  }
+  if (!SelectByCommand(command.GetCommand(), record)) return false;
+  SetErr(0);
+  return true;
+}
+
+bool SqliteDB::SelectRecords(const SelectCommand& command, std::vector<SqliteValueList>& records) {
+  if (!command.IsValid()) {
+    SetErr(ERR::BAD_PARAMETER);
+    VLOG_ERR("invalid select command [%s]", command.ToStr().c_str());
+    return false;
+  }
+  if (!IsExisted()) return false;
+  SetErr(ERR::ERR_DATABASE_OPERATION);
+  if (!CreateTable(command.GetTable())) {
+    VLOG_ERR("Failed to create table");
+    return false;
+  }
+  if (!SelectByCommand(command.GetCommand(), records)) return false;
+  SetErr(0);
+  return true;
+}
+
+}  // namespace VantDRCore
