@@ -1,0 +1,319 @@
+#include "vantdr/cache.h"
+
+#include <errno.h>
+#include <string.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <climits>
+
+#include "vantcore/vlibc.h"
+#include "vantdr/file.h"
+#include "vantdr/file_lock.h"
+#include "vantdr/json_text.h"
+#include "vantdr/log.h"
+#include "vantdr/privileged_section.h"
+#include "vantdr/utils.h"
+
+namespace VantDRCore {
+namespace {
+
+const char kDefaultCachePath[] = "/tmp/default_dr_cache";
+const int kCacheDirMode = 0755;
+// Detached double fork in a new session: the caller never gets a zombie.
+const int kUpdaterForkFlags = 0x41;
+const int kInspectLock = LOCK_SH | LOCK_NB;
+const int kChangeLock = LOCK_EX | LOCK_NB;
+const unsigned kInspectTimeout = 5;
+const unsigned kStartTimeout = 5;
+const unsigned kEndTimeout = 60;
+
+// The files one update works on; the lock path is the name given to FileLock.
+struct UpdatePaths {
+  explicit UpdatePaths(const std::string& cachePath)
+      : cache(cachePath), pid(cachePath + ".pid"), lock(cachePath + ".lock") {}
+  std::string cache;
+  std::string pid;
+  std::string lock;
+};
+
+// A pid file naming a dead process (or a zombie) counts as absent, so a
+// crashed updater never blocks the cache.
+bool SomeoneUpdating(const std::string& pidPath) {
+  const int pid = VLIBCReadPidFile(pidPath.c_str());
+  return pid > 0 && VLIBCProcAlive(pid) == 1;
+}
+
+// Inspects the pid file under a shared lock. False when the lock could not
+// be had; `updating` is then untouched.
+bool InspectPidFile(const UpdatePaths& paths, bool& updating) {
+  FileLock lock(paths.lock);
+  if (!lock.lock(kInspectLock, kInspectTimeout)) return false;
+  updating = SomeoneUpdating(paths.pid);
+  lock.unlock();
+  return true;
+}
+
+// Claims the update for this process by writing its pid file.
+bool SetUpdating(const UpdatePaths& paths) {
+  bool updating = false;
+  if (!InspectPidFile(paths, updating) || updating) return false;
+
+  FileLock lock(paths.lock);
+  if (!lock.lock(kChangeLock, kStartTimeout)) {
+    VLOG_DEBUG("Failed to lock [%s]", lock.getLockFile().c_str());
+    return false;
+  }
+  // Another process may have claimed it between the two locks.
+  if (SomeoneUpdating(paths.pid)) {
+    VLOG_DEBUG("there is other process to update cache [%s]", paths.cache.c_str());
+    lock.unlock();
+    return false;
+  }
+  int ret = 0;
+  {
+    VANTDR_PRIVILEGED_SECTION(section);
+    ret = VLIBCProcPidFileCreate(paths.pid.c_str());
+  }
+  if (ret != 0) {
+    VLOG_DEBUG("Failed to set cache [%s] updating", paths.cache.c_str());
+  } else {
+    VLOG_DEBUG("---> Start to update cache [%s]", paths.cache.c_str());
+  }
+  lock.unlock();
+  return ret == 0;
+}
+
+// Removes the pid file unless it names another live process.
+void UnsetUpdating(const UpdatePaths& paths) {
+  FileLock lock(paths.lock);
+  if (!lock.lock(kChangeLock, kEndTimeout)) {
+    VLOG_NOTICE("Failed to lock to unset cache[%s]", paths.cache.c_str());
+  }
+  if (SomeoneUpdating(paths.pid)) {
+    const int pid = VLIBCReadPidFile(paths.pid.c_str());
+    if (pid != getpid()) {
+      VLOG_DEBUG("Failed to unset updating cache [%s] since different pid[%d]", paths.pid.c_str(),
+                 pid);
+      lock.unlock();
+      return;
+    }
+  }
+  int ret = 0;
+  int error = 0;
+  {
+    VANTDR_PRIVILEGED_SECTION(section);
+    ret = unlink(paths.pid.c_str());
+    error = errno;
+  }
+  if (ret != 0) {
+    VLOG_NOTICE("Failed to unlink [%s] with ret[%d](%s)", paths.pid.c_str(), ret, strerror(error));
+  }
+  VLOG_DEBUG("<--- Finish to update cache [%s]", paths.cache.c_str());
+  lock.unlock();
+}
+
+}  // namespace
+
+Cache::Cache(const std::string& dir, const std::string& file, long timeout, bool requireUpdatedData,
+             int retryLimit)
+    : cachePath_(GetCachedPath(dir, file)),
+      timeout_(timeout),
+      requireUpdatedData_(requireUpdatedData),
+      retryLimit_(retryLimit),
+      data_(),
+      loadedModifiedTime_(-1) {}
+
+Cache::~Cache() = default;
+
+std::string Cache::GetCachedPath(const std::string& dir, const std::string& file) {
+  if (dir.empty() || file.empty()) {
+    VLOG_WARN("Invalid dir[%s] and file[%s] to cache", dir.c_str(), file.c_str());
+    return kDefaultCachePath;
+  }
+  if (!File::CreateDir(dir, kCacheDirMode)) {
+    VLOG_ERR("Failed to create [%s]", dir.c_str());
+    return kDefaultCachePath;
+  }
+  return dir + "/" + file + ".cached";
+}
+
+Json::Value Cache::GetDefaultValue() const { return Json::Value(); }
+
+bool Cache::IsNeedUpdate(const Json::Value&) const { return false; }
+
+bool Cache::IsUpdatedDataRequired() const {
+  if (requireUpdatedData_) return true;
+  return !IsValidData(GetCachedData());
+}
+
+time_t Cache::ModifiedTime() const {
+  struct stat st;
+  if (cachePath_.empty() || stat(cachePath_.c_str(), &st) != 0) return -1;
+  return st.st_mtime;
+}
+
+bool Cache::IsTimeout() const { return IsTimeout(ModifiedTime()); }
+
+bool Cache::IsTimeout(time_t modified) const {
+  // A missing file is stale whatever the time-out, even one longer than the
+  // time since the epoch.
+  if (modified == -1) return true;
+  const time_t now = time(nullptr);
+  if (now == static_cast<time_t>(-1)) return true;
+  return static_cast<double>(timeout_) < difftime(now, modified);
+}
+
+int Cache::GetMaxUpdateTime() const {
+  Json::Value doc;
+  if (!JsonFromFile(doc, cachePath_) || !doc.isObject()) return 0;
+  const Json::Value& max = doc["max_updated_time"];
+  return max.isInt() ? max.asInt() : 0;
+}
+
+bool Cache::Load() const {
+  if (VLIBCFileExist(cachePath_.c_str()) != 1) {
+    VLOG_DEBUG("no data is cached in [%s]", cachePath_.c_str());
+    return false;
+  }
+  const time_t modified = ModifiedTime();
+  Json::Value doc;
+  if (!JsonFromFile(doc, cachePath_)) {
+    VLOG_DEBUG("Failed to read data from cache [%s]", cachePath_.c_str());
+    return false;
+  }
+  if (doc.isObject() && doc.isMember("cached_data")) data_.swap(doc["cached_data"]);
+  loadedModifiedTime_ = modified;
+  return true;
+}
+
+Json::Value Cache::GetCachedData() const { return GetCachedData(ModifiedTime()); }
+
+Json::Value Cache::GetCachedData(time_t modified) const {
+  if (modified != -1 && modified == loadedModifiedTime_) return data_;
+  if (!Load()) {
+    data_ = GetDefaultValue();
+    VLOG_DEBUG("Failed to load cache [%s], use default cache data", cachePath_.c_str());
+  }
+  return data_;
+}
+
+Json::Value Cache::Read() const {
+  const time_t modified = ModifiedTime();
+  const bool unchanged = modified != -1 && modified == loadedModifiedTime_;
+  Json::Value data = GetCachedData(modified);
+  // After a reload the file may be newer than the first look at it.
+  const bool stale = unchanged ? IsTimeout(modified) : IsTimeout();
+  if (!stale && IsValidData(data) && !IsNeedUpdate(data)) return data;
+  if (Update()) return GetCachedData();
+  VLOG_DEBUG("Failed to update cache [%s], use old cache data.",
+             JsonToString(GetCacheInfo()).c_str());
+  return data;
+}
+
+bool Cache::UpdateWithData(const Json::Value& data) const { return UpdateWithData(data, 0, 0); }
+
+bool Cache::UpdateWithData(const Json::Value& data, long begin, long finish) const {
+  if (!IsValidData(data)) {
+    VLOG_DEBUG("[%s] is not valid to update for cache [%s]", JsonToString(data).c_str(),
+               JsonToString(GetCacheInfo()).c_str());
+    return false;
+  }
+  if (begin <= 0 || finish <= 0) begin = finish = 0;
+  const double updatedTime = difftime(static_cast<time_t>(finish), static_cast<time_t>(begin));
+  const double clamped = std::min<double>(std::max<double>(updatedTime, INT_MIN), INT_MAX);
+
+  Json::Value doc(Json::objectValue);
+  doc["timeout"] = static_cast<Json::Int64>(timeout_);
+  doc["info"] = GetCacheInfo();
+  doc["cached_data"] = data;
+  doc["begin_time_to_update"] = static_cast<Json::Int64>(begin);
+  doc["finish_time_to_update"] = static_cast<Json::Int64>(finish);
+  doc["updated_time"] = updatedTime;
+  doc["max_updated_time"] = std::max(static_cast<int>(clamped), GetMaxUpdateTime());
+
+  for (long long attempt = 0;; ++attempt) {
+    bool written = false;
+    {
+      VANTDR_PRIVILEGED_SECTION(section);
+      written = JsonToFile(doc, cachePath_);
+    }
+    if (written) {
+      data_ = data;
+      loadedModifiedTime_ = ModifiedTime();
+      return true;
+    }
+    if (retryLimit_ < attempt) {
+      VLOG_DEBUG("Failed to write cache to file [%s] and reach retry limit[%d]", cachePath_.c_str(),
+                 retryLimit_);
+      return false;
+    }
+    RandomSleepInMSec(300, 1000);
+  }
+}
+
+bool Cache::DoUpdate() const {
+  const time_t begin = time(nullptr);
+  for (long long attempt = 0;; ++attempt) {
+    Json::Value data;
+    if (GetUpdatedData(data)) {
+      const time_t finish = time(nullptr);
+      return UpdateWithData(data, static_cast<long>(begin), static_cast<long>(finish));
+    }
+    if (retryLimit_ < attempt) break;
+    RandomSleepInMSec(500, 1000);
+  }
+  VLOG_DEBUG("Failed to get updated cache [%s] and reach the retry limit[%d]",
+             JsonToString(GetCacheInfo()).c_str(), retryLimit_);
+  return false;
+}
+
+bool Cache::Update() const {
+  const UpdatePaths paths(cachePath_);
+  const bool required = IsUpdatedDataRequired();
+
+  // Busy unless the pid file could be inspected and names no live updater.
+  // The lock is closed again before any fork, so no child inherits it.
+  bool updating = true;
+  const bool inspected = InspectPidFile(paths, updating);
+  if (inspected && !updating) {
+    if (!required) {
+      const pid_t pid = VLIBCProcForkEx(kUpdaterForkFlags);
+      if (pid < 0) {
+        VLOG_WARN("Failed to fork(). errno=[%d/%m]", errno);
+        return false;
+      }
+      if (pid > 0) return true;
+      if (SetUpdating(paths)) {
+        DoUpdate();
+        UnsetUpdating(paths);
+      }
+      _exit(0);
+    }
+    if (!SetUpdating(paths)) return false;
+    const bool result = DoUpdate();
+    UnsetUpdating(paths);
+    return result;
+  }
+
+  if (!required) return true;
+  VLOG_DEBUG("start to block wait cache [%s] ", paths.cache.c_str());
+  for (;;) {
+    RandomSleepInMSec(300, 1000);
+    bool busy = true;
+    if (!InspectPidFile(paths, busy)) {
+      if (IsTimeout()) continue;
+      break;
+    }
+    if (busy && IsTimeout()) continue;
+    break;
+  }
+  VLOG_DEBUG("finish to block wait cache [%s] ", paths.cache.c_str());
+  return true;
+}
+
+int Cache::Remove() { return unlink(cachePath_.c_str()); }
+
+}  // namespace VantDRCore
