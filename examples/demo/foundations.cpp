@@ -40,18 +40,18 @@ void Run(const std::string&) {
   Demo::Show("RandomSleepInMSec(0, 100)", RandomSleepInMSec(0, 100) ? "true" : "false (refused)");
 
   Demo::Step("A privileged operation as the current user");
-  Demo::Show("effective uid/gid before", std::to_string(geteuid()) + "/" +
-                                             std::to_string(getegid()));
+  Demo::Show("effective uid/gid before",
+             std::to_string(geteuid()) + "/" + std::to_string(getegid()));
   const bool wasRoot = geteuid() == 0;
   bool raised = false;
   {
     VANTDR_PRIVILEGED_SECTION(section);
     raised = geteuid() == 0;
-    Demo::Show("effective uid/gid inside", std::to_string(geteuid()) + "/" +
-                                               std::to_string(getegid()));
+    Demo::Show("effective uid/gid inside",
+               std::to_string(geteuid()) + "/" + std::to_string(getegid()));
   }
-  Demo::Show("effective uid/gid after", std::to_string(geteuid()) + "/" +
-                                            std::to_string(getegid()));
+  Demo::Show("effective uid/gid after",
+             std::to_string(geteuid()) + "/" + std::to_string(getegid()));
   Demo::Show("note", wasRoot  ? "already root: no id change, no log line"
                      : raised ? "raised to root and restored (WARNING lines at priority 39)"
                               : "could not raise: ERROR lines, the operation ran anyway");

@@ -29,8 +29,7 @@ VANTDR_API void LogPrintf(int priority, const char* file, int line, const char* 
     __attribute__((format(printf, 6, 7)));
 
 // A line without the common prefix (used by the privileged section).
-VANTDR_API void LogRaw(int priority, const char* format, ...)
-    __attribute__((format(printf, 2, 3)));
+VANTDR_API void LogRaw(int priority, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
 // The base name of a path, at compile time: the file name in the prefix.
 constexpr const char* LogBaseName(const char* path) {
@@ -45,11 +44,10 @@ constexpr const char* LogBaseName(const char* path) {
 
 #define VANTDR_FILE_NAME (::VantDRCore::LogBaseName(__FILE__))
 
-#define VANTDR_LOG_AT(priority, level, ...)                                               \
-  do {                                                                                    \
-    if (::VantDRCore::LogEnabled(priority))                                               \
-      ::VantDRCore::LogPrintf(priority, VANTDR_FILE_NAME, __LINE__, __func__, level,       \
-                              __VA_ARGS__);                                               \
+#define VANTDR_LOG_AT(priority, level, ...)                                                        \
+  do {                                                                                             \
+    if (::VantDRCore::LogEnabled(priority))                                                        \
+      ::VantDRCore::LogPrintf(priority, VANTDR_FILE_NAME, __LINE__, __func__, level, __VA_ARGS__); \
   } while (0)
 
 #define VLOG_ERR(...) VANTDR_LOG_AT(LOG_ERR, "ERR", __VA_ARGS__)

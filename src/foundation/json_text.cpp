@@ -1,9 +1,12 @@
 #include "vantdr/json_text.h"
 
+#include <errno.h>
+#include <fcntl.h>
 #include <json/reader.h>
 #include <json/writer.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
-#include <fstream>
 #include <memory>
 #include <sstream>
 
@@ -188,10 +191,23 @@ std::string JsonToString(const Json::Value& value) {
 
 bool JsonFromFile(Json::Value& out, const std::string& path) {
   out = Json::Value();
-  std::ifstream in(path, std::ios::in | std::ios::binary);
-  if (!in.is_open()) return false;
-  std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  if (in.bad()) return false;
+  // Plain reads: iostreams throw on some read errors (a directory, EIO).
+  int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return false;
+  std::string text;
+  struct stat st;
+  if (fstat(fd, &st) == 0 && st.st_size > 0) text.reserve(static_cast<size_t>(st.st_size));
+  char buffer[65536];
+  ssize_t n;
+  while ((n = read(fd, buffer, sizeof buffer)) != 0) {
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      close(fd);
+      return false;
+    }
+    text.append(buffer, static_cast<size_t>(n));
+  }
+  close(fd);
   return JsonFromString(out, text);
 }
 

@@ -22,7 +22,7 @@ struct LogLine {
 
 class LogCapture {
  public:
-  LogCapture();  // installs the capturing sink; only one at a time
+  LogCapture();   // installs the capturing sink; only one at a time
   ~LogCapture();  // restores syslog
   LogCapture(const LogCapture&) = delete;
   LogCapture& operator=(const LogCapture&) = delete;
