@@ -118,6 +118,7 @@ std::string File::GetParentDir(const std::string& path) {
 bool File::CreateDir(const std::string& path, int mode) {
   if (path.empty()) return false;
   if (VLIBCFileCheckDir(path.c_str()) == 1) return true;
+  // Three octal digits at most: set-id and sticky bits are refused as well.
   const unsigned bits = static_cast<unsigned>(mode);
   if (bits >= 01000) {
     VLOG_ERR("Directory mode error: %o", bits);

@@ -1,0 +1,137 @@
+#include "vantdr/file_lock.h"
+
+#include <gtest/gtest.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+
+#include "support/log_capture.h"
+#include "support/process.h"
+#include "support/temp_dir.h"
+
+using namespace VantDRCore;
+using namespace VantDRTest;
+
+namespace {
+
+const int kExclusive = LOCK_EX | LOCK_NB;
+
+double SecondsSince(std::chrono::steady_clock::time_point start) {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+TEST(FileLock, PathsStateAndLockFileMode) {
+  if (geteuid() != 0) GTEST_SKIP();
+  LogCapture log;
+  EXPECT_EQ(FileLock::getLockFilePath("a/../b"), "/tmp/.vantdr_lock/a/../b");
+  FileLock unnamed("");
+  EXPECT_EQ(unnamed.getLockFile(), "");
+  EXPECT_FALSE(unnamed.lock(kExclusive, 0));
+  EXPECT_FALSE(unnamed.setLockFile(""));
+  EXPECT_EQ(
+      log.Summary(),
+      (std::vector<std::string>{
+          "ERR getLockFilePath: Bad lock file[]", "ERR openLockedFile: Bad Lock File",
+          "ERR lock: Bad fd [-1] to lock []", "ERR setLockFile: Failed to set lock path []"}));
+
+  const std::string name = UniqueName("lock_state"), other = UniqueName("lock_other");
+  const std::string path = "/tmp/.vantdr_lock/" + name;
+  FileLock holder(name), rival(name);
+  const mode_t oldMask = umask(0004);
+  ASSERT_TRUE(holder.lock(kExclusive, 0));
+  umask(oldMask);
+  struct stat st;
+  ASSERT_EQ(stat(path.c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 01200u);  // 01204 less the umask
+  const int fd = holder.getFd();
+  EXPECT_TRUE(holder.lock(kExclusive, 0));
+  EXPECT_EQ(holder.getFd(), fd);
+  EXPECT_FALSE(rival.tryLock(kExclusive));  // separate open files exclude each other
+  EXPECT_TRUE(holder.setLockFile(name));
+  log.Clear();
+  EXPECT_FALSE(holder.setLockFile(other));
+  EXPECT_EQ(holder.getLockFile(), path);
+  EXPECT_EQ(log.Summary(), (std::vector<std::string>{"ERR setLockFile: File [" + path +
+                                                     "] has been open, can not set file path to [" +
+                                                     FileLock::getLockFilePath(other) + "]"}));
+  holder.unlock();
+  EXPECT_TRUE(rival.tryLock(kExclusive));
+  EXPECT_TRUE(holder.lock(kExclusive, 0));  // tryLock left it free
+  ChildResult child = RunUnprivileged([&] {
+    FileLock shared(name);
+    if (shared.lock(LOCK_SH | LOCK_NB, 0)) return 1;
+    return geteuid() == 65534 ? 0 : 2;
+  });
+  EXPECT_EQ(child.exitCode, 0);
+  holder.unlock();
+  EXPECT_EQ(
+      RunUnprivileged([&] { return FileLock(name).lock(LOCK_SH | LOCK_NB, 0) ? 0 : 1; }).exitCode,
+      0);
+  ASSERT_TRUE(holder.lock(kExclusive, 0));
+  unlink(path.c_str());
+  EXPECT_TRUE(holder.lock(kExclusive, 0));  // the open file is reused, not reopened
+  EXPECT_NE(access(path.c_str(), F_OK), 0);
+  unlink(path.c_str());
+}
+
+TEST(FileLock, ProcessesIncrementACounterWithoutLosingUpdates) {
+  if (geteuid() != 0) GTEST_SKIP();
+  TempDir dir;
+  const std::string name = UniqueName("lock_counter"), counter = dir.File("counter");
+  WriteText(counter, "0");
+  const int kProcesses = 4, kRounds = 40;
+  std::vector<pid_t> children;
+  for (int p = 0; p < kProcesses; ++p) {
+    children.push_back(StartChild([&] {
+      FileLock lock(name);
+      for (int i = 0; i < kRounds; ++i) {
+        if (!lock.lock(kExclusive, 5)) return 1;
+        const int value = std::stoi(ReadText(counter));
+        usleep(100);  // widen the window a lost update would need
+        WriteText(counter, std::to_string(value + 1));
+        lock.unlock();
+      }
+      return 0;
+    }));
+  }
+  for (pid_t pid : children) EXPECT_EQ(WaitChild(pid).exitCode, 0);
+  EXPECT_EQ(ReadText(counter), std::to_string(kProcesses * kRounds));
+  unlink(FileLock::getLockFilePath(name).c_str());
+}
+
+TEST(FileLock, TimeoutsAgainstAnotherHolder) {
+  if (geteuid() != 0) GTEST_SKIP();
+  const std::string name = UniqueName("lock_timeout");
+  int ready[2], release[2];
+  ASSERT_EQ(pipe(ready), 0);
+  ASSERT_EQ(pipe(release), 0);
+  pid_t pid = StartChild([&] {
+    FileLock lock(name);
+    char c = 'r';
+    if (!lock.lock(kExclusive, 0) || write(ready[1], &c, 1) != 1) return 1;
+    if (read(release[0], &c, 1) != 1) return 2;
+    usleep(300 * 1000);
+    lock.unlock();
+    return 0;
+  });
+  char c = 0;
+  ASSERT_EQ(read(ready[0], &c, 1), 1);
+  FileLock waiter(name);
+  auto start = std::chrono::steady_clock::now();
+  EXPECT_FALSE(waiter.lock(kExclusive, 0));
+  EXPECT_LT(SecondsSince(start), 0.5);
+  start = std::chrono::steady_clock::now();
+  EXPECT_FALSE(waiter.lock(kExclusive, 1));
+  EXPECT_GT(SecondsSince(start), 0.9);
+  EXPECT_LT(SecondsSince(start), 3.0);
+  ASSERT_EQ(write(release[1], &c, 1), 1);
+  start = std::chrono::steady_clock::now();
+  EXPECT_TRUE(waiter.lock(kExclusive, 1));
+  EXPECT_LT(SecondsSince(start), 0.9);  // got it when the holder let go
+  EXPECT_EQ(WaitChild(pid).exitCode, 0);
+  unlink(FileLock::getLockFilePath(name).c_str());
+}
+
+}  // namespace
