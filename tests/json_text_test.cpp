@@ -76,7 +76,8 @@ TEST(JsonTextTest, AcceptsExactlyRfc8259) {
     EXPECT_TRUE(v.isNull()) << text;
   }
   Json::Value v;
-  EXPECT_FALSE(JsonFromString(v, std::string("1\0", 2)));  // a NUL after the value
+  EXPECT_FALSE(JsonFromString(v, std::string("1\0", 2)));             // a NUL after the value
+  EXPECT_FALSE(JsonFromString(v, std::string("\"nul\0byte\"", 10)));  // raw control byte
 }
 
 TEST(JsonTextTest, NestingIsBoundedWithoutCrashing) {
