@@ -61,7 +61,9 @@ void Run(const std::string& workDir) {
   Demo::Show("on disk", ReadRaw(settingsPath));
   Json::Value loaded;
   Demo::Show("File::Read", File::Read(settingsPath, loaded) ? "true" : "false");
-  Demo::Show("retention_days read back", JsonToString(loaded["retention_days"]));
+  const Json::Value days =
+      loaded.isObject() ? loaded.get("retention_days", Json::Value()) : Json::Value();
+  Demo::Show("retention_days read back", JsonToString(days));
   Json::Value defaults(Json::objectValue);
   File::Read(workDir + "/not_yet_written.json", defaults);
   Demo::Show("missing file keeps defaults", JsonToString(defaults));
