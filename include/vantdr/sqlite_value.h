@@ -117,7 +117,7 @@ class VANTDR_API SqliteRecord {
  public:
   // The record holding the listed fields of this object.
   virtual SqliteValueList ToSqliteValueList(const std::vector<std::string>& fields) const = 0;
-  // The library never calls through this second slot; it destroys only.
+  // The second slot is the destructor: the library needs no other there.
   virtual ~SqliteRecord();
   // Every field this object can hand over.
   virtual std::vector<std::string> GetFieldNames() const = 0;
