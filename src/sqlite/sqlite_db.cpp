@@ -26,6 +26,7 @@ void ParseRecord(sqlite3_stmt* stmt, SqliteValueList& record) {
   const int columns = sqlite3_column_count(stmt);
   for (int i = 0; i < columns; ++i) {
     const char* name = sqlite3_column_name(stmt, i);
+    if (name == nullptr) name = "";  // out of memory: AddValue refuses the column
     const int type = sqlite3_column_type(stmt, i);
     switch (type) {
       case SQLITE_INTEGER:
