@@ -1,0 +1,369 @@
+// Each library operation against its baseline (the raw or naive way to do
+// the same work), measured in one run of one binary. Prints one line per
+// pair, "RATIO <name> library/baseline = <x>", and exits non-zero when a
+// ratio is above its target.
+#include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <sqlite3.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <map>
+#include <regex>
+#include <string>
+#include <vector>
+
+#include "vantdr/cache.h"
+#include "vantdr/file_lock.h"
+#include "vantdr/json_text.h"
+#include "vantdr/sqlite_command.h"
+#include "vantdr/sqlite_db.h"
+#include "vantdr/sqlite_value.h"
+
+namespace {
+
+using namespace VantDRCore;
+
+// A scratch directory on tmpfs when there is one: the database benchmarks
+// measure the library's cost, not the disk's.
+const std::string& ScratchDir() {
+  static const std::string dir = [] {
+    const char* base = access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp";
+    std::string pattern = std::string(base) + "/vantdr_bench.XXXXXX";
+    std::vector<char> buffer(pattern.begin(), pattern.end());
+    buffer.push_back('\0');
+    if (mkdtemp(buffer.data()) == nullptr) std::abort();
+    return std::string(buffer.data());
+  }();
+  return dir;
+}
+
+// ---- format_value ----------------------------------------------------------
+
+const std::string kQuoted = [] {
+  std::string s(64, 'x');
+  s[10] = '\'';
+  s[40] = '\'';
+  return s;
+}();
+
+void FormatValueLibrary(benchmark::State& state) {
+  SqliteValue value(kQuoted);
+  for (auto _ : state) benchmark::DoNotOptimize(value.ToFormatedValue());
+}
+
+void FormatValueBaseline(benchmark::State& state) {
+  for (auto _ : state) {
+    std::string text = "'" + std::regex_replace(kQuoted, std::regex("'"), "''") + "'";
+    benchmark::DoNotOptimize(text);
+  }
+}
+
+// ---- insert_text -----------------------------------------------------------
+
+InsertCommand EightFieldInsert() {
+  InsertCommand command;
+  command.SetTable(SqliteTableHandler("job", ""));
+  command.AddFieldValue("id", 42);
+  command.AddFieldValue("name", std::string("nightly backup of share 'projects'"));
+  command.AddFieldValue("state", 2);
+  command.AddFieldValue("owner", std::string("admin"));
+  command.AddFieldValue("size", 123456789);
+  command.AddFieldValue("target", std::string("/volume1/backup"));
+  command.AddFieldValue("retries", 3);
+  command.AddFieldValue("comment", std::string("weekly, keep 4"));
+  return command;
+}
+
+void InsertTextLibrary(benchmark::State& state) {
+  InsertCommand command = EightFieldInsert();
+  for (auto _ : state) benchmark::DoNotOptimize(command.GetCommand());
+}
+
+// What a careful programmer writes by hand for the same record: one pass,
+// fields already in column order.
+struct Field {
+  const char* name;
+  bool text;
+  std::string value;
+};
+
+void AppendQuoted(std::string& out, const std::string& text) {
+  out += '\'';
+  for (char c : text) {
+    if (c == '\'') out += '\'';
+    out += c;
+  }
+  out += '\'';
+}
+
+std::string HandWrittenInsert(const std::vector<Field>& fields) {
+  std::string sql = "INSERT INTO job (";
+  for (size_t i = 0; i < fields.size(); ++i) {
+    if (i > 0) sql += ',';
+    sql += fields[i].name;
+  }
+  sql += ") VALUES (";
+  for (size_t i = 0; i < fields.size(); ++i) {
+    if (i > 0) sql += ',';
+    if (fields[i].text) {
+      AppendQuoted(sql, fields[i].value);
+    } else {
+      sql += fields[i].value;
+    }
+  }
+  sql += ");";
+  return sql;
+}
+
+const std::vector<Field> kFields = {
+    {"comment", true, "weekly, keep 4"},
+    {"id", false, "42"},
+    {"name", true, "nightly backup of share 'projects'"},
+    {"owner", true, "admin"},
+    {"retries", false, "3"},
+    {"size", false, "123456789"},
+    {"state", false, "2"},
+    {"target", true, "/volume1/backup"},
+};
+
+void InsertTextBaseline(benchmark::State& state) {
+  for (auto _ : state) benchmark::DoNotOptimize(HandWrittenInsert(kFields));
+}
+
+// ---- insert_record ---------------------------------------------------------
+
+const SqliteTableHandler kJobs("job", "id INTEGER PRIMARY KEY, name TEXT, state INTEGER");
+
+void InsertRecordLibrary(benchmark::State& state) {
+  const std::string path = ScratchDir() + "/insert_library.db";
+  std::remove(path.c_str());
+  SqliteDB db(path, 0, "bench");
+  int id = 0;
+  for (auto _ : state) {
+    InsertCommand command;
+    command.SetTable(kJobs);
+    command.AddFieldValue("id", ++id);
+    command.AddFieldValue("name", std::string("job"));
+    command.AddFieldValue("state", 1);
+    if (!db.InsertRecord(command)) state.SkipWithError("insert failed");
+  }
+}
+
+void InsertRecordBaseline(benchmark::State& state) {
+  const std::string path = ScratchDir() + "/insert_baseline.db";
+  std::remove(path.c_str());
+  sqlite3* db = nullptr;
+  sqlite3_open(path.c_str(), &db);
+  sqlite3_busy_timeout(db, 1000);
+  sqlite3_exec(db, "CREATE TABLE IF NOT EXISTS job (id INTEGER PRIMARY KEY, name TEXT, state INTEGER)",
+               nullptr, nullptr, nullptr);
+  int id = 0;
+  for (auto _ : state) {
+    std::string sql = "INSERT INTO job (id,name,state) VALUES (" + std::to_string(++id) +
+                      ",'job',1);";
+    if (sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr) != SQLITE_OK) {
+      state.SkipWithError("insert failed");
+    }
+  }
+  sqlite3_close(db);
+}
+
+// ---- select_records --------------------------------------------------------
+
+const char kRowsTable[] = "rows";
+
+const std::string& RowsDatabase() {
+  static const std::string path = [] {
+    std::string p = ScratchDir() + "/select.db";
+    sqlite3* db = nullptr;
+    sqlite3_open(p.c_str(), &db);
+    sqlite3_exec(db,
+                 "CREATE TABLE rows (id INTEGER PRIMARY KEY, name TEXT, state INTEGER, "
+                 "owner TEXT, size INTEGER, target TEXT);BEGIN;",
+                 nullptr, nullptr, nullptr);
+    for (int i = 0; i < 10000; ++i) {
+      std::string sql = "INSERT INTO rows VALUES (" + std::to_string(i) + ",'name " +
+                        std::to_string(i) + "'," + std::to_string(i % 5) + ",'admin'," +
+                        std::to_string(i * 1000) + ",'/volume1/backup/" + std::to_string(i) +
+                        "');";
+      sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr);
+    }
+    sqlite3_exec(db, "COMMIT;", nullptr, nullptr, nullptr);
+    sqlite3_close(db);
+    return p;
+  }();
+  return path;
+}
+
+void SelectRecordsLibrary(benchmark::State& state) {
+  SqliteDB db(RowsDatabase(), 0, "bench");
+  SelectCommand select;
+  select.SetTable(SqliteTableHandler(kRowsTable, "id INTEGER PRIMARY KEY"));
+  select.SelectAll();
+  for (auto _ : state) {
+    std::vector<SqliteValueList> rows;
+    if (!db.SelectRecords(select, rows) || rows.size() != 10000) state.SkipWithError("select");
+    benchmark::DoNotOptimize(rows);
+  }
+}
+
+void SelectRecordsBaseline(benchmark::State& state) {
+  sqlite3* db = nullptr;
+  sqlite3_open(RowsDatabase().c_str(), &db);
+  sqlite3_busy_timeout(db, 1000);
+  for (auto _ : state) {
+    std::vector<std::map<std::string, Json::Value>> rows;
+    sqlite3_stmt* stmt = nullptr;
+    sqlite3_prepare_v2(db, "SELECT  * FROM rows", -1, &stmt, nullptr);
+    while (sqlite3_step(stmt) == SQLITE_ROW) {
+      std::map<std::string, Json::Value> row;
+      const int n = sqlite3_column_count(stmt);
+      for (int i = 0; i < n; ++i) {
+        const char* name = sqlite3_column_name(stmt, i);
+        if (sqlite3_column_type(stmt, i) == SQLITE_INTEGER) {
+          row[name] = Json::Int64(sqlite3_column_int64(stmt, i));
+        } else {
+          row[name] = reinterpret_cast<const char*>(sqlite3_column_text(stmt, i));
+        }
+      }
+      rows.push_back(std::move(row));
+    }
+    sqlite3_finalize(stmt);
+    if (rows.size() != 10000) state.SkipWithError("select");
+    benchmark::DoNotOptimize(rows);
+  }
+  sqlite3_close(db);
+}
+
+// ---- cache_read ------------------------------------------------------------
+
+Json::Value SixtyFourKilobytes() {
+  Json::Value data(Json::objectValue);
+  for (int i = 0; JsonToString(data).size() < 64 * 1024; ++i) {
+    Json::Value entry(Json::objectValue);
+    entry["name"] = "share_" + std::to_string(i);
+    entry["free"] = Json::UInt64(1099511627776ULL + i);
+    entry["path"] = "/volume1/share_" + std::to_string(i);
+    data["share_" + std::to_string(i)] = entry;
+  }
+  return data;
+}
+
+class BenchCache : public Cache {
+ public:
+  BenchCache() : Cache(ScratchDir(), "bench", 3600, false, 0) {}
+  Json::Value GetCacheInfo() const override { return "bench"; }
+  bool GetUpdatedData(Json::Value& data) const override {
+    data = SixtyFourKilobytes();
+    return true;
+  }
+  bool IsValidData(const Json::Value& data) const override { return data.isObject(); }
+};
+
+void CacheReadLibrary(benchmark::State& state) {
+  BenchCache cache;
+  cache.UpdateWithData(SixtyFourKilobytes());
+  for (auto _ : state) {
+    Json::Value data = cache.Read();
+    if (!data.isObject()) state.SkipWithError("cache read");
+    benchmark::DoNotOptimize(data);
+  }
+}
+
+void CacheReadBaseline(benchmark::State& state) {
+  BenchCache cache;
+  cache.UpdateWithData(SixtyFourKilobytes());
+  const std::string path = cache.GetCachePath();
+  for (auto _ : state) {
+    Json::Value document;
+    if (!JsonFromFile(document, path)) state.SkipWithError("read");
+    Json::Value data = document["cached_data"];
+    benchmark::DoNotOptimize(data);
+  }
+}
+
+// ---- lock_cycle ------------------------------------------------------------
+
+void LockCycleLibrary(benchmark::State& state) {
+  FileLock lock("vantdr_bench_" + std::to_string(getpid()));
+  for (auto _ : state) {
+    if (!lock.lock(LOCK_EX | LOCK_NB, 0)) state.SkipWithError("lock");
+    lock.unlock();
+  }
+  unlink(lock.getLockFile().c_str());
+}
+
+void LockCycleBaseline(benchmark::State& state) {
+  const std::string path = ScratchDir() + "/baseline.lock";
+  int fd = open(path.c_str(), O_RDONLY | O_CREAT, 0644);
+  for (auto _ : state) {
+    flock(fd, LOCK_EX);
+    flock(fd, LOCK_UN);
+  }
+  close(fd);
+}
+
+// ---- ratios ----------------------------------------------------------------
+
+struct Pair {
+  const char* name;
+  double target;
+  void (*library)(benchmark::State&);
+  void (*baseline)(benchmark::State&);
+};
+
+const Pair kPairs[] = {
+    {"format_value", 0.05, FormatValueLibrary, FormatValueBaseline},
+    {"insert_text", 1.5, InsertTextLibrary, InsertTextBaseline},
+    {"insert_record", 1.5, InsertRecordLibrary, InsertRecordBaseline},
+    {"select_records", 1.3, SelectRecordsLibrary, SelectRecordsBaseline},
+    {"cache_read", 0.2, CacheReadLibrary, CacheReadBaseline},
+    {"lock_cycle", 4.0, LockCycleLibrary, LockCycleBaseline},
+};
+
+// Keeps the time per iteration of every run, by name.
+class Collector : public benchmark::ConsoleReporter {
+ public:
+  void ReportRuns(const std::vector<Run>& runs) override {
+    ConsoleReporter::ReportRuns(runs);
+    for (const Run& run : runs) {
+      if (run.error_occurred || run.iterations == 0) continue;
+      times[run.benchmark_name()] = run.GetAdjustedRealTime();
+    }
+  }
+  std::map<std::string, double> times;
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  // As in a production daemon: INFO and DEBUG lines are masked out.
+  setlogmask(LOG_UPTO(LOG_NOTICE));
+  for (const Pair& pair : kPairs) {
+    benchmark::RegisterBenchmark((std::string(pair.name) + "/library").c_str(), pair.library);
+    benchmark::RegisterBenchmark((std::string(pair.name) + "/baseline").c_str(), pair.baseline);
+  }
+  benchmark::Initialize(&argc, argv);
+  Collector collector;
+  benchmark::RunSpecifiedBenchmarks(&collector);
+
+  int missed = 0;
+  for (const Pair& pair : kPairs) {
+    auto library = collector.times.find(std::string(pair.name) + "/library");
+    auto baseline = collector.times.find(std::string(pair.name) + "/baseline");
+    if (library == collector.times.end() || baseline == collector.times.end()) continue;
+    const double ratio = library->second / baseline->second;
+    const bool met = ratio <= pair.target;
+    std::printf("RATIO %s library/baseline = %.3f (target <= %.2f%s)\n", pair.name, ratio,
+                pair.target, met ? "" : ", MISSED");
+    missed += met ? 0 : 1;
+  }
+  std::string cleanup = "rm -rf '" + ScratchDir() + "'";
+  if (std::system(cleanup.c_str()) != 0) std::fprintf(stderr, "could not remove scratch\n");
+  return missed == 0 ? 0 : 1;
+}
