@@ -89,6 +89,9 @@ class VANTDR_API InsertCommand : public SqliteCommand {
   void DumpParam(std::stringstream& out) const override;
 
  private:
+  // ToFormatedInsertValues() appended to `out`.
+  void AppendInsertValues(std::string& out) const;
+
   bool replacable_;
   SqliteValueList values_;
 };

@@ -60,6 +60,10 @@ class VANTDR_API SqliteValue {
   // produces NULL.
   std::string ToFormatedValue() const;
 
+  // Appends exactly the text of ToFormatedValue() to `out`, without a
+  // temporary string: statement builders use it for every value.
+  void AppendFormatedValue(std::string& out) const;
+
   const Json::Value& GetJsonValue() const { return value_; }
 
  private:

@@ -25,7 +25,7 @@ void AppendAssignments(std::string& out, const SqliteValueList& values) {
     first = false;
     out += entry.first;
     out += '=';
-    out += entry.second.ToFormatedValue();
+    entry.second.AppendFormatedValue(out);
   }
 }
 
@@ -88,8 +88,14 @@ template bool InsertCommand::AddFieldValue<unsigned int>(const std::string&, con
 template bool InsertCommand::AddFieldValue<long>(const std::string&, const long&);
 
 std::string InsertCommand::ToFormatedInsertValues() const {
+  std::string out;
+  AppendInsertValues(out);
+  return out;
+}
+
+void InsertCommand::AppendInsertValues(std::string& out) const {
   const auto& values = values_.GetValues();
-  std::string out = "(";
+  out += '(';
   size_t start = out.size();
   for (const auto& entry : values) {
     if (out.size() > start) out += ',';
@@ -101,10 +107,9 @@ std::string InsertCommand::ToFormatedInsertValues() const {
   start = out.size();
   for (const auto& entry : values) {
     if (out.size() > start) out += ',';
-    out += entry.second.ToFormatedValue();
+    entry.second.AppendFormatedValue(out);
   }
   out += ')';
-  return out;
 }
 
 std::string InsertCommand::GetCommand() const {
@@ -112,10 +117,12 @@ std::string InsertCommand::GetCommand() const {
     VLOG_ERR("Bad insert parameter");
     return std::string();
   }
-  std::string out = replacable_ ? "INSERT OR REPLACE INTO " : "INSERT INTO ";
+  std::string out;
+  out.reserve(64 + 32 * values_.Size());  // one allocation for a typical record
+  out += replacable_ ? "INSERT OR REPLACE INTO " : "INSERT INTO ";
   out += GetTable().GetName();
   out += ' ';
-  out += ToFormatedInsertValues();
+  AppendInsertValues(out);
   out += ';';
   return out;
 }
@@ -169,7 +176,9 @@ std::string UpdateCommand::GetCommand() const {
     VLOG_ERR("Bad update command");
     return std::string();
   }
-  std::string out = "UPDATE ";
+  std::string out;
+  out.reserve(64 + 32 * values_.Size() + condition_.size());
+  out += "UPDATE ";
   out += GetTable().GetName();
   out += " SET ";
   AppendAssignments(out, values_);

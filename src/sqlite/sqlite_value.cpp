@@ -1,5 +1,6 @@
 #include "vantdr/sqlite_value.h"
 
+#include <charconv>
 #include <cstring>
 #include <limits>
 #include <utility>
@@ -109,12 +110,17 @@ bool SqliteValue::IsValid() const {
 }
 
 std::string SqliteValue::ToFormatedValue() const {
+  std::string out;
+  AppendFormatedValue(out);
+  return out;
+}
+
+void SqliteValue::AppendFormatedValue(std::string& out) const {
   if (value_.isString()) {
     const char* begin = nullptr;
     const char* end = nullptr;
     value_.getString(&begin, &end);
-    std::string out;
-    out.reserve(static_cast<size_t>(end - begin) + 8);
+    out.reserve(out.size() + static_cast<size_t>(end - begin) + 8);
     out += '\'';
     // Same output as regex_replace(text, regex("'"), "''"), without a regex.
     for (const char* quote; (quote = static_cast<const char*>(std::memchr(
@@ -125,13 +131,21 @@ std::string SqliteValue::ToFormatedValue() const {
     }
     out.append(begin, end);
     out += '\'';
-    return out;
+    return;
   }
-  if (value_.isBool()) return value_.asBool() ? "1" : "0";
-  if (value_.isInt()) return std::to_string(value_.asInt64());
-  if (value_.isUInt()) return std::to_string(value_.asUInt64());
-  // Null, and 64-bit integers outside both 32-bit ranges: kept as "".
-  return std::string();
+  if (value_.isBool()) {
+    out += value_.asBool() ? '1' : '0';
+    return;
+  }
+  char digits[24];
+  std::to_chars_result written{digits, std::errc()};
+  if (value_.isInt()) {
+    written = std::to_chars(digits, digits + sizeof digits, value_.asInt64());
+  } else if (value_.isUInt()) {
+    written = std::to_chars(digits, digits + sizeof digits, value_.asUInt64());
+  }
+  // Null, and 64-bit integers outside both 32-bit ranges, append nothing.
+  out.append(digits, written.ptr);
 }
 
 SqliteValueList::SqliteValueList() = default;
