@@ -1,0 +1,219 @@
+// Real processes contending for one database, one cache and one lock.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "support/process.h"
+#include "support/temp_dir.h"
+#include "vantcore/vlibc.h"
+#include "vantdr/cache.h"
+#include "vantdr/file_lock.h"
+#include "vantdr/sqlite_db.h"
+
+using namespace VantDRCore;
+using namespace VantDRTest;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+double Since(Clock::time_point start) {
+  return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+bool WaitFor(const std::function<bool()>& done, double seconds) {
+  for (auto start = Clock::now(); !done(); usleep(10000)) {
+    if (Since(start) > seconds) return false;
+  }
+  return true;
+}
+
+// Children block on a pipe until the parent closes its end: all go at once.
+class Gate {
+ public:
+  Gate() {
+    if (pipe(fds_) != 0) fds_[0] = fds_[1] = -1;
+  }
+  ~Gate() {
+    Open();
+    close(fds_[0]);
+  }
+  void Wait() {
+    close(fds_[1]);
+    char c;
+    while (read(fds_[0], &c, 1) > 0) {
+    }
+  }
+  void Open() {
+    if (fds_[1] >= 0) close(fds_[1]);
+    fds_[1] = -1;
+  }
+
+ private:
+  int fds_[2];
+};
+
+// Each fetch appends one line to "fetches"; a fetch blocks until the file
+// "release" exists (at most `blockMs`).
+class SlowCache : public Cache {
+ public:
+  SlowCache(const std::string& dir, int blockMs)
+      : Cache(dir, "c", 100, false, 0), dir_(dir), blockMs_(blockMs) {}
+  Json::Value GetCacheInfo() const override { return "slow"; }
+  bool GetUpdatedData(Json::Value& data) const override {
+    int fd = open((dir_ + "/fetches").c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+    bool logged = fd >= 0 && write(fd, "f\n", 2) == 2;
+    if (fd >= 0) close(fd);
+    WaitFor([&] { return VLIBCFileExist((dir_ + "/release").c_str()) == 1; }, blockMs_ / 1000.0);
+    data["v"] = 2;
+    return logged;
+  }
+  bool IsValidData(const Json::Value& data) const override {
+    return data.isObject() && data.isMember("v");
+  }
+  int Fetches() const { return static_cast<int>(ReadText(dir_ + "/fetches").size() / 2); }
+  // Valid old data whose file is `age` seconds old.
+  bool MakeStale(long age) const {
+    Json::Value old;
+    old["v"] = 1;
+    struct timespec times[2] = {{time(nullptr) - age, 0}, {time(nullptr) - age, 0}};
+    return UpdateWithData(old) && utimensat(AT_FDCWD, GetCachePath().c_str(), times, 0) == 0;
+  }
+
+ private:
+  std::string dir_;
+  int blockMs_;
+};
+
+class StressTest : public ::testing::Test {
+ protected:
+  StressTest() { alarm(60); }  // a hang fails the test instead of the suite
+  ~StressTest() override {
+    alarm(0);
+    std::filesystem::remove_all("/tmp/.vantdr_lock" + dir.path());
+  }
+  TempDir dir;
+};
+
+TEST_F(StressTest, ConcurrentInsertsLoseNoRow) {
+  const SqliteTableHandler table("t", "id INTEGER PRIMARY KEY, who INTEGER");
+  const int kProcs = 8, kInserts = 250;
+  Gate gate;
+  std::vector<pid_t> writers;
+  for (int p = 0; p < kProcs; ++p) {
+    writers.push_back(StartChild([&, p] {
+      setlogmask(LOG_UPTO(LOG_NOTICE));  // one INFO line per insert otherwise
+      gate.Wait();
+      SqliteDB db(dir.File("s.db"), 5, "stress");
+      InsertCommand insert;
+      insert.SetTable(table);
+      insert.AddFieldValue("who", p);
+      for (int i = 0; i < kInserts; ++i) {
+        if (!db.InsertRecord(insert)) return 1;
+      }
+      return 0;
+    }));
+  }
+  auto start = Clock::now();
+  gate.Open();
+  for (pid_t pid : writers) EXPECT_EQ(WaitChild(pid).exitCode, 0);
+  const double took = Since(start);
+  SqliteDB db(dir.File("s.db"), 0, "check");
+  int rows = -1;
+  EXPECT_TRUE(db.GetCount(table, rows));
+  EXPECT_EQ(rows, kProcs * kInserts);
+  std::printf("[stress] %d processes x %d inserts: %d rows in %.2f s\n", kProcs, kInserts, rows,
+              took);
+}
+
+TEST_F(StressTest, SimultaneousStaleReadersFetchOnce) {
+  SlowCache cache(dir.path(), 2000);
+  ASSERT_TRUE(cache.MakeStale(200));
+  Gate gate;
+  std::vector<pid_t> readers;
+  for (int i = 0; i < 16; ++i) {
+    readers.push_back(StartChild([&] {
+      gate.Wait();
+      auto start = Clock::now();
+      const bool old = cache.Read()["v"] == 1;
+      // 1 s is far below the 2 s fetch: nobody waited for it.
+      return old && Since(start) < 1.0 ? 0 : 1;
+    }));
+  }
+  auto start = Clock::now();
+  gate.Open();
+  for (pid_t pid : readers) EXPECT_EQ(WaitChild(pid).exitCode, 0);
+  const double served = Since(start);
+  EXPECT_TRUE(WaitFor([&] { return cache.Fetches() > 0; }, 5));
+  EXPECT_TRUE(WaitFor([&] { return !VLIBCFileExist((cache.GetCachePath() + ".pid").c_str()); }, 5));
+  usleep(300000);  // a late second updater would have fetched by now
+  EXPECT_EQ(cache.Fetches(), 1);
+  EXPECT_EQ(cache.Read()["v"], 2);
+  std::printf("[stress] 16 stale readers served in %.2f s, %d fetch(es), done after %.2f s\n",
+              served, cache.Fetches(), Since(start));
+}
+
+TEST_F(StressTest, KilledUpdaterDoesNotBlockTheNextUpdate) {
+  SlowCache cache(dir.path(), 20000);
+  ASSERT_TRUE(cache.MakeStale(200));
+  const std::string pidPath = cache.GetCachePath() + ".pid";
+  EXPECT_EQ(cache.Read()["v"], 1);  // the updater runs detached
+  ASSERT_TRUE(WaitFor([&] { return cache.Fetches() == 1; }, 5));
+  const pid_t updater = VLIBCReadPidFile(pidPath.c_str());
+  ASSERT_GT(updater, 0);
+  ASSERT_EQ(kill(updater, SIGKILL), 0);
+  ASSERT_TRUE(WaitFor([&] { return VLIBCProcAlive(updater) != 1; }, 5));
+  EXPECT_EQ(VLIBCReadPidFile(pidPath.c_str()), updater);  // left behind by the dead updater
+
+  ASSERT_TRUE(WriteText(dir.File("release"), ""));
+  auto start = Clock::now();
+  EXPECT_EQ(cache.Read()["v"], 1);
+  // Well inside the 5 s of any lock time-out.
+  EXPECT_TRUE(WaitFor([&] { return cache.Fetches() == 2; }, 2));
+  const double restarted = Since(start);
+  EXPECT_TRUE(WaitFor([&] { return !VLIBCFileExist(pidPath.c_str()); }, 5));
+  EXPECT_EQ(cache.Read()["v"], 2);
+  std::printf("[stress] updater %d killed; next update fetched after %.2f s\n", updater, restarted);
+}
+
+TEST_F(StressTest, FileLockSerialisesCounterIncrements) {
+  const std::string name = UniqueName("stress_counter");
+  const std::string counter = dir.File("counter");
+  ASSERT_TRUE(WriteText(counter, "0"));
+  const int kProcs = 8, kIncrements = 200;
+  Gate gate;
+  std::vector<pid_t> workers;
+  for (int p = 0; p < kProcs; ++p) {
+    workers.push_back(StartChild([&] {
+      gate.Wait();
+      FileLock lock(name);
+      for (int i = 0; i < kIncrements; ++i) {
+        if (!lock.lock(LOCK_EX | LOCK_NB, 10)) return 1;
+        const int value = std::stoi("0" + ReadText(counter));
+        if (!WriteText(counter, std::to_string(value + 1))) return 2;
+        lock.unlock();
+      }
+      return 0;
+    }));
+  }
+  auto start = Clock::now();
+  gate.Open();
+  for (pid_t pid : workers) EXPECT_EQ(WaitChild(pid).exitCode, 0);
+  const double took = Since(start);
+  EXPECT_EQ(ReadText(counter), std::to_string(kProcs * kIncrements));
+  unlink(FileLock::getLockFilePath(name).c_str());
+  std::printf("[stress] %d processes x %d locked increments: %s in %.2f s\n", kProcs, kIncrements,
+              ReadText(counter).c_str(), took);
+}
+
+}  // namespace
