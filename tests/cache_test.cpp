@@ -58,7 +58,12 @@ class TestCache : public Cache {
 
 class CacheTest : public ::testing::Test {
  protected:
-  ~CacheTest() override { std::filesystem::remove_all("/tmp/.vantdr_lock" + dir.path()); }
+  // A reader that waits for ever on a bad pid check fails instead of hanging.
+  CacheTest() { alarm(30); }
+  ~CacheTest() override {
+    alarm(0);
+    std::filesystem::remove_all("/tmp/.vantdr_lock" + dir.path());
+  }
   int Fetches() { return static_cast<int>(ReadText(dir.File("fetches")).size() / 2); }
   std::string Path() { return dir.File("c.cached"); }
   void SetAge(long seconds) {
