@@ -1,0 +1,126 @@
+// Every operation that raises its ids to root must leave the caller's real,
+// effective and saved ids exactly as they were, whether it succeeded or not.
+#include <gtest/gtest.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "support/log_capture.h"
+#include "support/process.h"
+#include "support/temp_dir.h"
+#include "vantdr/cache.h"
+#include "vantdr/file.h"
+#include "vantdr/file_lock.h"
+
+using namespace VantDRCore;
+using namespace VantDRTest;
+
+namespace {
+
+class PlainCache : public Cache {
+ public:
+  PlainCache(const std::string& dir, bool required)
+      : Cache(dir, "c", 100, required, -1) {}  // -1: one attempt, no retry pauses
+  Json::Value GetCacheInfo() const override { return "plain"; }
+  bool GetUpdatedData(Json::Value& data) const override {
+    data["v"] = 1;
+    return true;
+  }
+  bool IsValidData(const Json::Value& data) const override { return data.isObject(); }
+};
+
+struct Ids {
+  uid_t ruid, euid, suid;
+  gid_t rgid, egid, sgid;
+  bool operator==(const Ids& o) const {
+    return ruid == o.ruid && euid == o.euid && suid == o.suid && rgid == o.rgid && egid == o.egid &&
+           sgid == o.sgid;
+  }
+};
+
+Ids CurrentIds() {
+  Ids ids{};
+  getresuid(&ids.ruid, &ids.euid, &ids.suid);
+  getresgid(&ids.rgid, &ids.egid, &ids.sgid);
+  return ids;
+}
+
+struct Row {
+  const char* name;
+  bool expected;  // the operation's own result
+  std::function<bool()> op;
+};
+
+TEST(PrivilegeHygiene, IdsAreRestoredAfterEveryPrivilegedOperation) {
+  if (geteuid() != 0) GTEST_SKIP();
+  // The directory is root's and 0700: only raised ids can write in it.
+  TempDir dir;
+  ASSERT_TRUE(WriteText(dir.File("plain"), "x"));
+  const std::string lockName = UniqueName("hygiene");
+  const std::string heldName = UniqueName("hygiene_held");
+  FileLock held(heldName);  // held by the parent: the child's own open file conflicts
+  ASSERT_TRUE(held.lock(LOCK_EX | LOCK_NB, 0));
+  FileLock lock(lockName), unnamed(""), busy(heldName);
+  PlainCache cache(dir.path(), false), required(dir.path(), true);
+  TempDir other;
+  PlainCache unwritable(other.path(), true);
+  ASSERT_EQ(mkdir(unwritable.GetCachePath().c_str(), 0755), 0);  // no file can replace it
+  LogCapture quiet;  // keeps the failure lines out of the system log
+
+  const std::vector<Row> rows = {
+      {"CreateDir", true, [&] { return File::CreateDir(dir.File("a/b"), 0750); }},
+      {"CreateDir bad mode", false, [&] { return File::CreateDir(dir.File("m"), 01000); }},
+      {"CreateDir negative mode", false, [&] { return File::CreateDir(dir.File("n"), -1); }},
+      {"CreateDir under a file", false, [&] { return File::CreateDir(dir.File("plain/d"), 0755); }},
+      {"lock", true, [&] { return lock.lock(LOCK_EX | LOCK_NB, 0); }},
+      {"lock again", true, [&] { return lock.lock(LOCK_SH | LOCK_NB, 0); }},
+      {"unlock", true, [&] { return lock.unlock(), true; }},
+      {"tryLock", true, [&] { return lock.tryLock(LOCK_EX | LOCK_NB); }},
+      {"lock without a name", false, [&] { return unnamed.lock(LOCK_EX | LOCK_NB, 0); }},
+      {"unlock without a file", true, [&] { return unnamed.unlock(), true; }},
+      {"lock held elsewhere", false, [&] { return busy.lock(LOCK_EX | LOCK_NB, 0); }},
+      {"tryLock held elsewhere", false, [&] { return busy.tryLock(LOCK_SH | LOCK_NB); }},
+      {"UpdateWithData", true,
+       [&] { return cache.UpdateWithData(Json::Value(Json::objectValue)); }},
+      {"UpdateWithData invalid", false, [&] { return cache.UpdateWithData(Json::Value(1)); }},
+      {"UpdateWithData unwritable", false,
+       [&] { return unwritable.UpdateWithData(Json::Value(Json::objectValue)); }},
+      {"Update required", true, [&] { return required.Update(); }},
+      {"Update required unwritable", false, [&] { return unwritable.Update(); }},
+      {"DoUpdate", true, [&] { return cache.DoUpdate(); }},
+      {"DoUpdate unwritable", false, [&] { return unwritable.DoUpdate(); }},
+  };
+  // One child runs the rows in order (locks persist between them) and stops
+  // at the first fault: row i exits 10 + i for changed ids, 50 + i for a
+  // wrong result.
+  const ChildResult result = RunUnprivileged([&] {
+    for (size_t i = 0; i < rows.size(); ++i) {
+      const Ids before = CurrentIds();
+      const bool ok = rows[i].op();
+      if (!(CurrentIds() == before)) return static_cast<int>(10 + i);
+      if (ok != rows[i].expected) return static_cast<int>(50 + i);
+    }
+    return 0;
+  });
+  const int code = result.exitCode;
+  const size_t row = static_cast<size_t>(code >= 50 ? code - 50 : code - 10);
+  EXPECT_EQ(code, 0) << (code >= 10 && row < rows.size()
+                             ? std::string(code >= 50 ? "wrong result: " : "ids changed: ") +
+                                   rows[row].name
+                             : "child failed");
+  held.unlock();
+  EXPECT_TRUE(std::filesystem::is_directory(dir.File("a/b")));
+  EXPECT_EQ(ReadText(cache.GetCachePath()).rfind("{", 0), 0u);
+  std::filesystem::remove_all("/tmp/.vantdr_lock" + dir.path());
+  std::filesystem::remove_all("/tmp/.vantdr_lock" + other.path());
+  for (const std::string& name : {lockName, heldName}) {
+    unlink(FileLock::getLockFilePath(name).c_str());
+  }
+}
+
+}  // namespace
