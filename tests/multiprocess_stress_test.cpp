@@ -38,30 +38,28 @@ bool WaitFor(const std::function<bool()>& done, double seconds) {
   return true;
 }
 
-// Children block on a pipe until the parent closes its end: all go at once.
-class Gate {
- public:
-  Gate() {
-    if (pipe(fds_) != 0) fds_[0] = fds_[1] = -1;
+// Runs body(i) in `n` children that block on a pipe until all exist, then go
+// at once. The number of children that did not exit 0; `seconds` from the
+// release until the last one ended.
+int RunTogether(int n, const std::function<int(int)>& body, double& seconds) {
+  int gate[2];
+  if (pipe(gate) != 0) return n;
+  std::vector<pid_t> children;
+  for (int i = 0; i < n; ++i) {
+    children.push_back(StartChild([&, i] {
+      close(gate[1]);
+      char c;
+      return read(gate[0], &c, 1) == 0 ? body(i) : 97;
+    }));
   }
-  ~Gate() {
-    Open();
-    close(fds_[0]);
-  }
-  void Wait() {
-    close(fds_[1]);
-    char c;
-    while (read(fds_[0], &c, 1) > 0) {
-    }
-  }
-  void Open() {
-    if (fds_[1] >= 0) close(fds_[1]);
-    fds_[1] = -1;
-  }
-
- private:
-  int fds_[2];
-};
+  const auto start = Clock::now();
+  close(gate[1]);
+  int failed = 0;
+  for (pid_t pid : children) failed += WaitChild(pid).exitCode != 0;
+  close(gate[0]);
+  seconds = Since(start);
+  return failed;
+}
 
 // Each fetch appends one line to "fetches"; a fetch blocks until the file
 // "release" exists (at most `blockMs`).
@@ -108,26 +106,22 @@ class StressTest : public ::testing::Test {
 TEST_F(StressTest, ConcurrentInsertsLoseNoRow) {
   const SqliteTableHandler table("t", "id INTEGER PRIMARY KEY, who INTEGER");
   const int kProcs = 8, kInserts = 250;
-  Gate gate;
-  std::vector<pid_t> writers;
-  for (int p = 0; p < kProcs; ++p) {
-    writers.push_back(StartChild([&, p] {
-      setlogmask(LOG_UPTO(LOG_NOTICE));  // one INFO line per insert otherwise
-      gate.Wait();
-      SqliteDB db(dir.File("s.db"), 5, "stress");
-      InsertCommand insert;
-      insert.SetTable(table);
-      insert.AddFieldValue("who", p);
-      for (int i = 0; i < kInserts; ++i) {
-        if (!db.InsertRecord(insert)) return 1;
-      }
-      return 0;
-    }));
-  }
-  auto start = Clock::now();
-  gate.Open();
-  for (pid_t pid : writers) EXPECT_EQ(WaitChild(pid).exitCode, 0);
-  const double took = Since(start);
+  double took = 0;
+  const int failed = RunTogether(
+      kProcs,
+      [&](int p) {
+        setlogmask(LOG_UPTO(LOG_NOTICE));  // one INFO line per insert otherwise
+        SqliteDB db(dir.File("s.db"), 5, "stress");
+        InsertCommand insert;
+        insert.SetTable(table);
+        insert.AddFieldValue("who", p);
+        for (int i = 0; i < kInserts; ++i) {
+          if (!db.InsertRecord(insert)) return 1;
+        }
+        return 0;
+      },
+      took);
+  EXPECT_EQ(failed, 0);
   SqliteDB db(dir.File("s.db"), 0, "check");
   int rows = -1;
   EXPECT_TRUE(db.GetCount(table, rows));
@@ -139,21 +133,17 @@ TEST_F(StressTest, ConcurrentInsertsLoseNoRow) {
 TEST_F(StressTest, SimultaneousStaleReadersFetchOnce) {
   SlowCache cache(dir.path(), 2000);
   ASSERT_TRUE(cache.MakeStale(200));
-  Gate gate;
-  std::vector<pid_t> readers;
-  for (int i = 0; i < 16; ++i) {
-    readers.push_back(StartChild([&] {
-      gate.Wait();
-      auto start = Clock::now();
-      const bool old = cache.Read()["v"] == 1;
-      // 1 s is far below the 2 s fetch: nobody waited for it.
-      return old && Since(start) < 1.0 ? 0 : 1;
-    }));
-  }
-  auto start = Clock::now();
-  gate.Open();
-  for (pid_t pid : readers) EXPECT_EQ(WaitChild(pid).exitCode, 0);
-  const double served = Since(start);
+  double served = 0;
+  const auto start = Clock::now();
+  // 1 s is far below the 2 s fetch: nobody waited for it.
+  EXPECT_EQ(RunTogether(
+                16,
+                [&](int) {
+                  const auto begin = Clock::now();
+                  return cache.Read()["v"] == 1 && Since(begin) < 1.0 ? 0 : 1;
+                },
+                served),
+            0);
   EXPECT_TRUE(WaitFor([&] { return cache.Fetches() > 0; }, 5));
   EXPECT_TRUE(WaitFor([&] { return !VLIBCFileExist((cache.GetCachePath() + ".pid").c_str()); }, 5));
   usleep(300000);  // a late second updater would have fetched by now
@@ -191,25 +181,21 @@ TEST_F(StressTest, FileLockSerialisesCounterIncrements) {
   const std::string counter = dir.File("counter");
   ASSERT_TRUE(WriteText(counter, "0"));
   const int kProcs = 8, kIncrements = 200;
-  Gate gate;
-  std::vector<pid_t> workers;
-  for (int p = 0; p < kProcs; ++p) {
-    workers.push_back(StartChild([&] {
-      gate.Wait();
-      FileLock lock(name);
-      for (int i = 0; i < kIncrements; ++i) {
-        if (!lock.lock(LOCK_EX | LOCK_NB, 10)) return 1;
-        const int value = std::stoi("0" + ReadText(counter));
-        if (!WriteText(counter, std::to_string(value + 1))) return 2;
-        lock.unlock();
-      }
-      return 0;
-    }));
-  }
-  auto start = Clock::now();
-  gate.Open();
-  for (pid_t pid : workers) EXPECT_EQ(WaitChild(pid).exitCode, 0);
-  const double took = Since(start);
+  double took = 0;
+  EXPECT_EQ(RunTogether(
+                kProcs,
+                [&](int) {
+                  FileLock lock(name);
+                  for (int i = 0; i < kIncrements; ++i) {
+                    if (!lock.lock(LOCK_EX | LOCK_NB, 10)) return 1;
+                    const int value = std::stoi("0" + ReadText(counter));
+                    if (!WriteText(counter, std::to_string(value + 1))) return 2;
+                    lock.unlock();
+                  }
+                  return 0;
+                },
+                took),
+            0);
   EXPECT_EQ(ReadText(counter), std::to_string(kProcs * kIncrements));
   unlink(FileLock::getLockFilePath(name).c_str());
   std::printf("[stress] %d processes x %d locked increments: %s in %.2f s\n", kProcs, kIncrements,
