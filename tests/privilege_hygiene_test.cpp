@@ -87,29 +87,40 @@ TEST(PrivilegeHygiene, IdsAreRestoredAfterEveryPrivilegedOperation) {
       {"DoUpdate", true, [&] { return cache.DoUpdate(); }},
       {"DoUpdate unwritable", false, [&] { return unwritable.DoUpdate(); }},
   };
-  // One child runs the rows in order (locks persist between them) and stops
-  // at the first fault: row i exits 10 + i for changed ids, 50 + i for a
-  // wrong result. A second child cannot raise at all (root dropped for good):
-  // its ids must survive the failed raises too, whatever the results.
-  for (bool savedRoot : {true, false}) {
-    const ChildResult result = RunUnprivileged(
-        [&] {
-          for (size_t i = 0; i < rows.size(); ++i) {
-            const auto before = Ids();
-            const bool ok = rows[i].op();
-            if (Ids() != before) return static_cast<int>(10 + i);
-            if (savedRoot && ok != rows[i].expected) return static_cast<int>(50 + i);
-          }
-          return 0;
-        },
-        savedRoot);
+  // One child per set of ids runs the rows in order (locks persist between
+  // them) and stops at the first fault: row i exits 10 + i for changed ids,
+  // 50 + i for a wrong result. Without saved root ids every raise fails, so
+  // only the ids are checked there.
+  const struct {
+    const char* name;
+    bool user, group, savedRoot;  // which effective ids become 65534
+  } setups[] = {{"user and group", true, true, true},
+                {"user only", true, false, true},
+                {"group only", false, true, true},
+                {"no saved root", true, true, false}};
+  for (const auto& setup : setups) {
+    const auto runRows = [&] {
+      for (size_t i = 0; i < rows.size(); ++i) {
+        const auto before = Ids();
+        const bool ok = rows[i].op();
+        if (Ids() != before) return static_cast<int>(10 + i);
+        if (setup.savedRoot && ok != rows[i].expected) return static_cast<int>(50 + i);
+      }
+      return 0;
+    };
+    const ChildResult result =
+        setup.user && setup.group ? RunUnprivileged(runRows, setup.savedRoot) : RunInChild([&] {
+          const bool switched =
+              setup.user ? setresuid(-1, 65534, 0) == 0 : setresgid(-1, 65534, 0) == 0;
+          return switched ? runRows() : 98;
+        });
     const int code = result.exitCode;
     const size_t row = static_cast<size_t>(code >= 50 ? code - 50 : code - 10);
-    EXPECT_EQ(code, 0) << (code >= 10 && row < rows.size()
-                               ? std::string(code >= 50 ? "wrong result: " : "ids changed: ") +
+    EXPECT_EQ(code, 0) << setup.name << ": "
+                       << (code >= 10 && row < rows.size()
+                               ? std::string(code >= 50 ? "wrong result of " : "ids changed by ") +
                                      rows[row].name
-                               : "child failed")
-                       << (savedRoot ? "" : " (without root)");
+                               : "child failed");
   }
   held.unlock();
   EXPECT_TRUE(std::filesystem::is_directory(dir.File("a/b")));
