@@ -1,6 +1,7 @@
 #include "vantdr/error.h"
 
 #include <map>
+#include <sstream>
 #include <string>
 
 #include "gtest/gtest.h"
@@ -12,47 +13,25 @@ using VantDRCore::ErrRecorder;
 namespace ERR = VantDRCore::ERR;
 
 TEST(ErrTest, EveryIntegerHasTheNameOfItsTableEntryOrUnknown) {
-  const std::map<int, std::string> named = {
-      {400, "ERR_DR_MIN"},
-      {401, "BAD_PARAMETER"},
-      {402, "ERR_ALLOCATE_MEMORY"},
-      {403, "ERR_NULL_POINTER"},
-      {404, "ERR_DATABASE_OPERATION"},
-      {405, "ERR_DATABASE_LOCK"},
-      {406, "ERR_FORK_FAILED"},
-      {407, "ERR_UNKNOWN"},
-      {500, "ERR_CONNECTION_FAILED"},
-      {501, "ERR_LOGIN_AUTH_INVALID"},
-      {502, "ERR_LOGIN_AUTH_DISABLED"},
-      {503, "ERR_LOGIN_AUTH_PRIVILEGE"},
-      {504, "ERR_LOGIN_AUTH_REQUIRED_OTP"},
-      {505, "ERR_LOGIN_AUTH_INVALID_OTP"},
-      {506, "ERR_INIT_CREDENTIAL"},
-      {507, "ERR_NODE_NOT_EXIST"},
-      {508, "ERR_NODE_EXIST"},
-      {509, "ERR_NODE_INVALID_REMOTE_SESSION_CREATE"},
-      {510, "ERR_NODE_CREATE"},
-      {511, "ERR_NODE_SESSION_CREATE"},
-      {512, "ERR_NODE_SESSION_REMOVE"},
-      {513, "ERR_NODE_GET"},
-      {514, "ERR_NODE_SET"},
-      {515, "ERR_NODE_LIST"},
-      {516, "ERR_CRED_NOT_EXIST"},
-      {517, "ERR_INVALID_CONN"},
-      {518, "ERR_NOT_SAME_NODE"},
-      {519, "ERR_GET_NODE_INFO"},
-      {520, "ERR_INVALID_SENDER"},
-      {521, "ERR_INVALID_SESSION"},
-      {522, "ERR_NOT_AVALIABLE_CONN"},
-      {523, "ERR_LOGIN_AUTH"},
-      {524, "ERR_CREDENTIAL_OPERATION"},
-      {525, "ERR_NO_PERMISSION"},
-      {526, "ERR_NO_SUCH_API"},
-      {527, "ERR_INVALID_USER"},
-      {528, "ERR_SESSION_GET"},
-      {599, "ERR_NODE_UNKNOWN"},
-      {673, "ERR_DR_MAX"},
-  };
+  // The whole table, as "code name" pairs.
+  std::istringstream table(
+      "400 ERR_DR_MIN 401 BAD_PARAMETER 402 ERR_ALLOCATE_MEMORY 403 ERR_NULL_POINTER 404 "
+      "ERR_DATABASE_OPERATION 405 ERR_DATABASE_LOCK 406 ERR_FORK_FAILED 407 ERR_UNKNOWN 500 "
+      "ERR_CONNECTION_FAILED 501 ERR_LOGIN_AUTH_INVALID 502 ERR_LOGIN_AUTH_DISABLED 503 "
+      "ERR_LOGIN_AUTH_PRIVILEGE 504 ERR_LOGIN_AUTH_REQUIRED_OTP 505 "
+      "ERR_LOGIN_AUTH_INVALID_OTP 506 ERR_INIT_CREDENTIAL 507 ERR_NODE_NOT_EXIST 508 "
+      "ERR_NODE_EXIST 509 ERR_NODE_INVALID_REMOTE_SESSION_CREATE 510 ERR_NODE_CREATE 511 "
+      "ERR_NODE_SESSION_CREATE 512 ERR_NODE_SESSION_REMOVE 513 ERR_NODE_GET 514 "
+      "ERR_NODE_SET 515 ERR_NODE_LIST 516 ERR_CRED_NOT_EXIST 517 ERR_INVALID_CONN 518 "
+      "ERR_NOT_SAME_NODE 519 ERR_GET_NODE_INFO 520 ERR_INVALID_SENDER 521 "
+      "ERR_INVALID_SESSION 522 ERR_NOT_AVALIABLE_CONN 523 ERR_LOGIN_AUTH 524 "
+      "ERR_CREDENTIAL_OPERATION 525 ERR_NO_PERMISSION 526 ERR_NO_SUCH_API 527 "
+      "ERR_INVALID_USER 528 ERR_SESSION_GET 599 ERR_NODE_UNKNOWN 673 ERR_DR_MAX ");
+  std::map<int, std::string> named;
+  int number;
+  std::string name;
+  while (table >> number >> name) named[number] = name;
+  ASSERT_EQ(named.size(), 39u);
   // Every integer around and inside the range, plus the extremes.
   for (int code = -2; code <= 700; ++code) {
     auto it = named.find(code);
