@@ -3,6 +3,7 @@
 // table and record operations that run the statement builders.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -12,6 +13,7 @@
 #include "vantdr/sqlite_value.h"
 
 struct sqlite3;
+struct sqlite3_stmt;
 
 namespace VantDRCore {
 
@@ -101,6 +103,14 @@ class VANTDR_API SqliteDB : public ErrRecorder {
   void SetDBErr(const ErrRecorder& sqliteErr) const;
 
  private:
+  // One attempt of a query: `onRow` sees each row while it returns true.
+  // Records 0, or the raw SQLite failure.
+  bool DoSelect(const std::string& sql, const std::function<bool(sqlite3_stmt*)>& onRow);
+  // The retry loop around `attempt`, shared by both public forms; `oneRow`
+  // picks the form's own log texts. (Named like them: log lines carry the
+  // function name.)
+  bool SelectByCommand(const std::string& sql, bool oneRow, const std::function<bool()>& attempt);
+
   sqlite3* handle_ = nullptr;
   std::string path_;
   unsigned int retryLimit_;

@@ -111,7 +111,7 @@ bool SqliteDB::DoExecSqliteCommand(const std::string& sql) {
   return result == SQLITE_OK;
 }
 
-bool SqliteDB::DoSelectSqliteRecord(const std::string& sql, SqliteValueList& record) {
+bool SqliteDB::DoSelect(const std::string& sql, const std::function<bool(sqlite3_stmt*)>& onRow) {
   SetErr(ERR::ERR_DATABASE_OPERATION);
   if (handle_ == nullptr) {
     SetDBErr(SQLITE_MISUSE, "database is not opened");
@@ -126,13 +126,10 @@ bool SqliteDB::DoSelectSqliteRecord(const std::string& sql, SqliteValueList& rec
     // for sqlite3_exec.
     SetErr(0);
   } else {
-    const int stepped = sqlite3_step(stmt);
-    if (stepped == SQLITE_ROW) {
-      SqliteValueList row;
-      ParseRecord(stmt, row);
-      record = std::move(row);
-      SetErr(0);
-    } else if (stepped == SQLITE_DONE) {
+    int stepped;
+    while ((stepped = sqlite3_step(stmt)) == SQLITE_ROW && onRow(stmt)) {
+    }
+    if (stepped == SQLITE_ROW || stepped == SQLITE_DONE) {
       SetErr(0);
     } else {
       SetDBErr(stepped, nullptr);
@@ -142,33 +139,23 @@ bool SqliteDB::DoSelectSqliteRecord(const std::string& sql, SqliteValueList& rec
   return GetErrCode() == 0;
 }
 
+bool SqliteDB::DoSelectSqliteRecord(const std::string& sql, SqliteValueList& record) {
+  // Only the first row is read; it replaces the record's content.
+  return DoSelect(sql, [&record](sqlite3_stmt* stmt) {
+    SqliteValueList row;
+    ParseRecord(stmt, row);
+    record = std::move(row);
+    return false;
+  });
+}
+
 bool SqliteDB::DoSelectSqliteRecords(const std::string& sql,
                                      std::vector<SqliteValueList>& records) {
-  SetErr(ERR::ERR_DATABASE_OPERATION);
-  if (handle_ == nullptr) {
-    SetDBErr(SQLITE_MISUSE, "database is not opened");
-    return false;
-  }
-  sqlite3_stmt* stmt = nullptr;
-  const int prepared = sqlite3_prepare_v2(handle_, sql.c_str(), -1, &stmt, nullptr);
-  if (prepared != SQLITE_OK) {
-    SetDBErr(prepared, nullptr);
-  } else if (stmt == nullptr) {
-    SetErr(0);
-  } else {
-    int stepped;
-    while ((stepped = sqlite3_step(stmt)) == SQLITE_ROW) {
-      records.emplace_back();
-      ParseRecord(stmt, records.back());
-    }
-    if (stepped == SQLITE_DONE) {
-      SetErr(0);
-    } else {
-      SetDBErr(stepped, nullptr);
-    }
-  }
-  if (stmt != nullptr) sqlite3_finalize(stmt);
-  return GetErrCode() == 0;
+  return DoSelect(sql, [&records](sqlite3_stmt* stmt) {
+    records.emplace_back();
+    ParseRecord(stmt, records.back());
+    return true;
+  });
 }
 
 // --- error recording -----------------------------------------------------------
@@ -221,12 +208,25 @@ bool SqliteDB::Exec(const std::string& sql) {
   return false;
 }
 
+bool SqliteDB::SelectByCommand(const std::string& sql, SqliteValueList& record) {
+  return SelectByCommand(sql, true, [&] { return DoSelectSqliteRecord(sql, record); });
+}
+
+bool SqliteDB::SelectByCommand(const std::string& sql, std::vector<SqliteValueList>& records) {
+  return SelectByCommand(sql, false, [&] { return DoSelectSqliteRecords(sql, records); });
+}
+
 // The two select forms log each other's texts on success and on giving up;
 // callers' log filters depend on them as they are.
-bool SqliteDB::SelectByCommand(const std::string& sql, SqliteValueList& record) {
+bool SqliteDB::SelectByCommand(const std::string& sql, bool oneRow,
+                               const std::function<bool()>& attempt) {
   if (sql.empty()) {
     SetErr(ERR::BAD_PARAMETER);
-    VLOG_ERR("Empty command to select record");
+    if (oneRow) {
+      VLOG_ERR("Empty command to select record");
+    } else {
+      VLOG_ERR("Empty command to select records");
+    }
     return false;
   }
   if (!Open()) {
@@ -235,39 +235,23 @@ bool SqliteDB::SelectByCommand(const std::string& sql, SqliteValueList& record) 
   }
   unsigned int retries = 0;
   do {
-    if (DoSelectSqliteRecord(sql, record)) {
+    if (attempt()) {
       SetErr(0);
-      if (retries > 0) {
+      if (retries > 0 && oneRow) {
         VLOG_INFO("After retry [%u] times, success to exec command [%s]", retries, sql.c_str());
+      } else if (retries > 0) {
+        VLOG_INFO("After retry [%u] times, success to select command", retries);
       }
       return true;
     }
   } while (PrepareRetry(*this, retryLimit_, retries));
-  VLOG_ERR("Reach retry limit [%u], failed to select command[%s] with err [%s]", retries,
-           sql.c_str(), JsonToString(GetErr()).c_str());
-  return false;
-}
-
-bool SqliteDB::SelectByCommand(const std::string& sql, std::vector<SqliteValueList>& records) {
-  if (sql.empty()) {
-    SetErr(ERR::BAD_PARAMETER);
-    VLOG_ERR("Empty command to select records");
-    return false;
+  if (oneRow) {
+    VLOG_ERR("Reach retry limit [%u], failed to select command[%s] with err [%s]", retries,
+             sql.c_str(), JsonToString(GetErr()).c_str());
+  } else {
+    VLOG_ERR("Reach retry limit [%u], failed to exec command [%s] with err [%s]", retries,
+             sql.c_str(), JsonToString(GetErr()).c_str());
   }
-  if (!Open()) {
-    VLOG_ERR("Failed to open db [%s]", path_.c_str());
-    return false;
-  }
-  unsigned int retries = 0;
-  do {
-    if (DoSelectSqliteRecords(sql, records)) {
-      SetErr(0);
-      if (retries > 0) VLOG_INFO("After retry [%u] times, success to select command", retries);
-      return true;
-    }
-  } while (PrepareRetry(*this, retryLimit_, retries));
-  VLOG_ERR("Reach retry limit [%u], failed to exec command [%s] with err [%s]", retries,
-           sql.c_str(), JsonToString(GetErr()).c_str());
   return false;
 }
 
