@@ -204,9 +204,11 @@ TEST(HostileInput, SqliteValueReadsOnlyWhatFits) {
   for (const Payload& p : payloads) {
     SCOPED_TRACE(p.name);
     CheckReads<bool, int, unsigned, long, unsigned long, long long, unsigned long long>(p, list);
-    std::string text = "unchanged";
+    std::string text = "unchanged", listed = "unchanged";
     EXPECT_EQ(p.value.GetValue(text), p.kind == 1);
-    EXPECT_EQ(text, p.kind == 1 ? p.value.GetJsonValue().asString() : "unchanged");
+    EXPECT_EQ(list.GetValue(p.name, listed), p.kind == 1);
+    EXPECT_TRUE(text == listed &&
+                text == (p.kind == 1 ? p.value.GetJsonValue().asString() : "unchanged"));
   }
 }
 
