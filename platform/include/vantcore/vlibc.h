@@ -26,25 +26,19 @@ int VLIBCFileCheckDir(const char* path);
 int VLIBCFileExist(const char* path);
 
 /* Starts `prog` with the null-terminated argument list that follows `mode`
- * and returns a stream on its standard output ("r") or standard input ("w").
- * No shell is involved. Returns NULL when the pipe, the fork or the exec
- * failed; an exec failure is detected before returning. Close with
- * VLIBCPclose only. */
+ * and returns a stream on its standard output. `mode` must be "r". No shell
+ * is involved. Returns NULL when the pipe, the fork or the exec failed; an
+ * exec failure is detected before returning. Close with VLIBCPclose only. */
 FILE* VLIBCPopen(const char* prog, const char* mode, ...);
 
 /* Closes a stream from VLIBCPopen and reaps its child. Returns the child's
  * wait status, or -1 for a stream that VLIBCPopen did not return. */
 int VLIBCPclose(FILE* stream);
 
-/* Which ends VLIBCStrTrim strips. 0 (the default) means both. */
-#define VLIBC_TRIM_BOTH 0
-#define VLIBC_TRIM_LEADING 1
-#define VLIBC_TRIM_TRAILING 2
-
-/* Strips white space (isspace in the C locale, line ends included) in place
- * from the ends selected by `sides`; `reserved` must be 0. Returns `str`
- * (NULL for NULL). */
-char* VLIBCStrTrim(char* str, int sides, int reserved);
+/* Strips leading and trailing white space (isspace in the C locale, line
+ * ends included) in place. The two int arguments are reserved and must be
+ * 0. Returns `str` (NULL for NULL). */
+char* VLIBCStrTrim(char* str, int reserved1, int reserved2);
 
 /* The process id stored in a pid file as decimal text; 0 when the file is
  * missing, empty or unreadable, -1 when its content is not a positive
