@@ -57,10 +57,13 @@ class VANTDR_API Request {
   // Sets params[key] to a copy of `value`; false, with nothing changed, for
   // a reserved key or when params holds a non-object value.
   bool addParam(const std::string& key, const Json::Value& value);
-  // Merges the members of an object, skipping reserved keys silently; true
-  // for null. False when some entry has no string key (an array element),
-  // when `params` is any other scalar or when the stored params are not an
-  // object; whatever could be taken is taken anyway.
+  // Merges every entry that iterating `params` yields under its key's text
+  // (an array's indices included: [5,6] merges "0" and "1"), skipping
+  // reserved keys silently. True when no entry failed, so also for null, a
+  // scalar or an empty value, which yield no entries and change nothing.
+  // False when some key does not convert to text or, for a value with
+  // entries, when the stored params are not an object; whatever could be
+  // taken is taken anyway.
   bool addParam(const Json::Value& params);
 
   // A non-empty api and method and a version above 0.

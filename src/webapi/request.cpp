@@ -131,13 +131,9 @@ bool Request::addParam(const std::string& key, const Json::Value& value) {
 }
 
 bool Request::addParam(const Json::Value& params) {
-  if (params.isNull()) return true;
-  // A scalar has no entries to iterate, but merging one is a caller error,
-  // not a successful empty merge.
-  if (!params.isObject() && !params.isArray()) {
-    VLOG_WARN("cannot merge a %s into parameters", TypeName(params));
-    return false;
-  }
+  // A null or scalar value yields no entries, like an empty object or array:
+  // nothing to merge, hence nothing that failed.
+  if (params.begin() == params.end()) return true;
   if (!CanHoldMembers(params_)) {
     VLOG_WARN("cannot merge into parameters that are a %s", TypeName(params_));
     return false;
@@ -145,10 +141,10 @@ bool Request::addParam(const Json::Value& params) {
   const Json::Value source(params);  // `params` may be params_ or part of it
   int failures = 0;
   for (auto it = source.begin(); it != source.end(); ++it) {
-    // Array elements are keyed by index: counted as failures, not as
-    // parameters named "0", "1", ...
+    // Array elements are keyed by their index, which converts to its text:
+    // [5,6] merges "0" and "1".
     const Json::Value key = it.key();
-    if (!key.isString()) {
+    if (!key.isConvertibleTo(Json::stringValue)) {
       ++failures;
       continue;
     }
@@ -156,7 +152,8 @@ bool Request::addParam(const Json::Value& params) {
     if (isValidKey(name)) params_[name] = *it;
   }
   if (failures > 0) {
-    VLOG_WARN("%d of %u entries have no string key and were not added", failures, source.size());
+    VLOG_WARN("%d of %u entries have no key convertible to text and were not added", failures,
+              source.size());
   }
   return failures == 0;
 }
