@@ -329,6 +329,7 @@ const Pair kPairs[] = {
 // Keeps the time per iteration of every run, by name.
 class Collector : public benchmark::ConsoleReporter {
  public:
+  Collector() : ConsoleReporter(OO_Tabular) {}  // plain text: the output is grepped
   void ReportRuns(const std::vector<Run>& runs) override {
     ConsoleReporter::ReportRuns(runs);
     for (const Run& run : runs) {
