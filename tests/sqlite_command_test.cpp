@@ -6,6 +6,7 @@
 
 using namespace VantDRCore;
 using VantDRTest::LogCapture;
+using Lines = std::vector<std::string>;
 
 namespace {
 
@@ -18,43 +19,33 @@ Command On(const SqliteTableHandler& table) {
   return command;
 }
 
-TEST(SqliteCommand, SetTableRefusesEmptyNameAndKeepsTheTable) {
-  LogCapture log;
-  SelectCommand select;
-  EXPECT_EQ("]condition:[]/fields:[]", select.ToStr());
-  EXPECT_TRUE(select.SetTable(kJob));
-  EXPECT_FALSE(select.SetTable(SqliteTableHandler("", "id INTEGER")));
-  EXPECT_EQ("job", select.GetTable().GetName());
-  EXPECT_EQ("id INTEGER PRIMARY KEY, name TEXT", select.GetTable().GetColumnDefinitions());
-  EXPECT_EQ((std::vector<std::string>{"ERR SetTable: Invalid table []"}), log.Summary());
-}
-
 TEST(SqliteCommand, IncompleteBuildersGiveNothingAndLogEachCall) {
-  LogCapture log;
-  InsertCommand insert;
-  UpdateCommand update;
-  SelectCommand select;
-  DeleteCommand remove;
+  InsertCommand insert, insertOn = On<InsertCommand>(kJob);
+  UpdateCommand update, updateOn = On<UpdateCommand>(kJob);
+  SelectCommand select, selectOn = On<SelectCommand>(kJob);
+  DeleteCommand remove, removeOn = On<DeleteCommand>(kJob);
+  // Complete but for the table, or with a table and nothing else.
   insert.AddFieldValue("a", 1);
   update.AddFieldValue("a", 1);
   select.SelectAll();
   remove.DeleteAll();
-  for (int call = 0; call < 2; ++call) {
-    EXPECT_EQ("", insert.GetCommand());
-    EXPECT_EQ("", update.GetCommand());
-    EXPECT_EQ("", select.GetCommand());
-    EXPECT_EQ("", remove.GetCommand());
-    EXPECT_EQ("", On<InsertCommand>(kJob).GetCommand());
-    EXPECT_EQ("", On<UpdateCommand>(kJob).GetCommand());
-    EXPECT_EQ("", On<SelectCommand>(kJob).GetCommand());
-    EXPECT_EQ("", On<DeleteCommand>(kJob).GetCommand());
+  const std::pair<const SqliteCommand*, std::string> builders[] = {
+      {&insert, "Bad insert parameter"}, {&insertOn, "Bad insert parameter"},
+      {&update, "Bad update command"},   {&updateOn, "Bad update command"},
+      {&select, "Bad select command"},   {&selectOn, "Bad select command"},
+      {&remove, "Bad delete command"},   {&removeOn, "Bad delete command"}};
+  LogCapture log;
+  EXPECT_FALSE(selectOn.SetTable(SqliteTableHandler("", "id INTEGER")));  // keeps job
+  Lines expected = {"ERR SetTable: Invalid table []"};
+  for (const auto& builder : builders) {
+    for (int call = 0; call < 2; ++call) {
+      EXPECT_EQ("", builder.first->GetCommand());
+      expected.push_back("ERR GetCommand: " + builder.second);
+    }
   }
-  EXPECT_EQ(4, log.Count("Bad insert parameter"));
-  EXPECT_EQ(4, log.Count("Bad update command"));
-  EXPECT_EQ(4, log.Count("Bad select command"));
-  EXPECT_EQ(4, log.Count("Bad delete command"));
-  EXPECT_EQ(16u, log.Messages("ERR").size());
-  EXPECT_EQ("GetCommand", log.Lines()[0].func);
+  EXPECT_EQ(expected, log.Summary());
+  EXPECT_EQ("]condition:[]/fields:[all]|job]condition:[]/fields:[]|() VALUES ()",
+            select.ToStr() + "|" + selectOn.ToStr() + "|" + insertOn.ToFormatedInsertValues());
 }
 
 TEST(InsertCommand, BuildsColumnsInFieldOrder) {
@@ -68,36 +59,24 @@ TEST(InsertCommand, BuildsColumnsInFieldOrder) {
   EXPECT_EQ("INSERT OR REPLACE INTO job (id,name) VALUES (3,'it''s');", insert.GetCommand());
 
   InsertCommand typed = On<InsertCommand>(kJob);
-  EXPECT_TRUE(typed.AddFieldValue("z", true));
-  EXPECT_TRUE(typed.AddFieldValue("a", 1));
+  EXPECT_TRUE(typed.AddFieldValue("z", true) && typed.AddFieldValue("a", 1));
   EXPECT_TRUE(typed.AddFieldValue("a", std::string("x")));
-  EXPECT_TRUE(typed.AddFieldValue("u", 4000000000U));
-  EXPECT_TRUE(typed.AddFieldValue("l", -9L));
-  EXPECT_FALSE(typed.AddFieldValue("", 1));
+  EXPECT_TRUE(typed.AddFieldValue("u", 4000000000U) && typed.AddFieldValue("l", -9L));
+  EXPECT_FALSE(typed.AddFieldValue("", 1) || typed.AddFieldValue("", std::string("v")));
   EXPECT_EQ("INSERT INTO job (a,l,u,z) VALUES ('x',-9,4000000000,1);", typed.GetCommand());
-
-  InsertCommand refused = On<InsertCommand>(kJob);
-  EXPECT_FALSE(refused.AddFieldValue("", std::string("v")));
-  EXPECT_EQ("", refused.GetCommand());
-  EXPECT_EQ("() VALUES ()", refused.ToFormatedInsertValues());
-  EXPECT_EQ((std::vector<std::string>{"ERR AddFieldValue: Bad Field [] /value[1]",
-                                      "ERR AddFieldValue: Bad Field [] /value['v']",
-                                      "ERR GetCommand: Bad insert parameter"}),
+  EXPECT_EQ((Lines{"ERR AddFieldValue: Bad Field [] /value[1]",
+                   "ERR AddFieldValue: Bad Field [] /value['v']"}),
             log.Summary());
-}
 
-TEST(InsertCommand, ValueFormattingToEmptyKeepsTheJoiningRule) {
+  // A value formatting to "" (beyond 32 bits) adds no separator of its own.
   SqliteValueList record;
-  record.AddValue("a", SqliteValue(3));
   record.AddValue("big", SqliteValue(4294967296LL));
-  InsertCommand insert = On<InsertCommand>(kJob);
+  record.AddValue("id", SqliteValue(3));
+  insert.SetFieldValues(record);  // replaces every field
+  EXPECT_EQ("(big,id) VALUES (3)", insert.ToFormatedInsertValues());
+  record.AddValue("a", SqliteValue(3));
   insert.SetFieldValues(record);
-  EXPECT_EQ("(a,big) VALUES (3,)", insert.ToFormatedInsertValues());
-  SqliteValueList other;
-  other.AddValue("big", SqliteValue(4294967296LL));
-  other.AddValue("id", SqliteValue(3));
-  insert.SetFieldValues(other);
-  EXPECT_EQ("INSERT INTO job (big,id) VALUES (3);", insert.GetCommand());
+  EXPECT_EQ("INSERT OR REPLACE INTO job (a,big,id) VALUES (3,,3);", insert.GetCommand());
 }
 
 TEST(UpdateCommand, SetsFieldsWithOptionalCondition) {
@@ -107,11 +86,10 @@ TEST(UpdateCommand, SetsFieldsWithOptionalCondition) {
   update.AddFieldValue("name", std::string("a"));
   EXPECT_EQ("UPDATE job SET name='a',state=2", update.GetCommand());
   EXPECT_TRUE(update.SetCondition(SqliteEqual("id", 3)));
-  EXPECT_FALSE(update.SetCondition(""));
-  EXPECT_FALSE(update.SetCondition(SqliteEqual()));
+  EXPECT_FALSE(update.SetCondition("") || update.SetCondition(SqliteEqual()));
   EXPECT_EQ("UPDATE job SET name='a',state=2 WHERE id=3", update.GetCommand());
   EXPECT_EQ("job]condition:[id=3]/values:[name='a',state=2]", update.ToStr());
-  EXPECT_EQ((std::vector<std::string>{"ERR SetCondition: Invalid condition"}), log.Summary());
+  EXPECT_EQ(Lines{"ERR SetCondition: Invalid condition"}, log.Summary());
 }
 
 TEST(SelectCommand, BuildsFieldsConditionOrderAndLimit) {
@@ -120,25 +98,18 @@ TEST(SelectCommand, BuildsFieldsConditionOrderAndLimit) {
   all.SelectAll();
   all.SetOrderByASC();
   EXPECT_EQ("SELECT  * FROM job", all.GetCommand());
-  EXPECT_EQ("job]condition:[]/fields:[all]", all.ToStr());
 
   SelectCommand some = On<SelectCommand>(kJob);
-  EXPECT_FALSE(some.AddField(""));
+  EXPECT_FALSE(some.AddField("") || some.AddOrderField(""));
   some.AddField("id");
   some.AddField("name");
   some.SetCondition("state=2");
   some.AddOrderField("id");
   EXPECT_TRUE(some.SetLimit(10));
-  EXPECT_EQ("SELECT id,name FROM job WHERE state=2 ORDER BY id DESC LIMIT 0, 10",
-            some.GetCommand());
-  EXPECT_EQ("job]condition:[state=2]/fields:[id, name]", some.ToStr());
-  EXPECT_FALSE(some.SetLimit(0));
-  EXPECT_FALSE(some.SetLimit(-1));
-  EXPECT_FALSE(some.SetLimit(-1, 5));
-  EXPECT_FALSE(some.SetLimit(5, 0));
-  EXPECT_FALSE(some.SetCondition(""));
-  EXPECT_FALSE(some.SetCondition(SqliteCondition()));
-  EXPECT_FALSE(some.AddOrderField(""));
+  // Refused setters change nothing.
+  EXPECT_FALSE(some.SetLimit(0) || some.SetLimit(-1) || some.SetLimit(-1, 5) ||
+               some.SetLimit(5, 0) || some.SetCondition("") ||
+               some.SetCondition(SqliteCondition()));
   EXPECT_EQ("SELECT id,name FROM job WHERE state=2 ORDER BY id DESC LIMIT 0, 10",
             some.GetCommand());
   EXPECT_TRUE(some.SetLimit(20, 10));
@@ -153,8 +124,8 @@ TEST(SelectCommand, BuildsFieldsConditionOrderAndLimit) {
   some.AddField("id");
   EXPECT_EQ("SELECT id,id FROM job WHERE state=2 ORDER BY id,name DESC LIMIT 20, 3",
             some.GetCommand());
-  EXPECT_EQ((std::vector<std::string>{"ERR SetCondition: Empty condition",
-                                      "ERR SetCondition: Invalid condition"}),
+  EXPECT_EQ("job]condition:[state=2]/fields:[id, id]", some.ToStr());
+  EXPECT_EQ((Lines{"ERR SetCondition: Empty condition", "ERR SetCondition: Invalid condition"}),
             log.Summary());
 }
 
@@ -165,21 +136,18 @@ TEST(DeleteCommand, NeedsConditionOrDeleteAll) {
   EXPECT_EQ("DELETE FROM job;", all.GetCommand());
   EXPECT_EQ("job]condition:[all]", all.ToStr());
 
-  DeleteCommand keep = On<DeleteCommand>(kJob);
-  EXPECT_FALSE(keep.SetCondition(""));
-  EXPECT_FALSE(keep.IsValid());
-  EXPECT_EQ("job]condition:[]", keep.ToStr());
-  EXPECT_TRUE(keep.SetCondition(SqliteIn("id", {3})));
-  keep.DeleteAll();
-  EXPECT_EQ("DELETE FROM job WHERE id IN ( 3 );", keep.GetCommand());
-  EXPECT_EQ("job]condition:[id IN ( 3 )]", keep.ToStr());
-
-  DeleteCommand cleared = On<DeleteCommand>(kJob);
-  cleared.DeleteAll();
-  EXPECT_FALSE(cleared.SetCondition(SqliteEqual()));
-  EXPECT_TRUE(cleared.SetCondition("id=1"));
-  EXPECT_EQ("DELETE FROM job WHERE id=1;", cleared.GetCommand());
-  EXPECT_EQ((std::vector<std::string>{"ERR SetCondition: Invalid condition"}), log.Summary());
+  // A condition survives a later DeleteAll(); a later condition clears the flag.
+  DeleteCommand kept = On<DeleteCommand>(kJob);
+  EXPECT_FALSE(kept.SetCondition("") || kept.IsValid());
+  EXPECT_EQ("job]condition:[]", kept.ToStr());
+  EXPECT_TRUE(kept.SetCondition(SqliteIn("id", {3})));
+  kept.DeleteAll();
+  EXPECT_EQ("DELETE FROM job WHERE id IN ( 3 );", kept.GetCommand());
+  EXPECT_EQ("job]condition:[id IN ( 3 )]", kept.ToStr());
+  EXPECT_FALSE(all.SetCondition(SqliteEqual()));
+  EXPECT_TRUE(all.SetCondition("id=1"));
+  EXPECT_EQ("DELETE FROM job WHERE id=1;", all.GetCommand());
+  EXPECT_EQ(Lines{"ERR SetCondition: Invalid condition"}, log.Summary());
 }
 
 }  // namespace
