@@ -1,23 +1,21 @@
 // Real processes contending for one database, one cache and one lock.
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/file.h>
-#include <sys/stat.h>
+#include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
-#include <filesystem>
 #include <functional>
 #include <string>
 #include <vector>
 
 #include "support/process.h"
-#include "support/temp_dir.h"
+#include "support/test_cache.h"
 #include "vantcore/vlibc.h"
-#include "vantdr/cache.h"
 #include "vantdr/file_lock.h"
 #include "vantdr/sqlite_db.h"
 
@@ -29,13 +27,6 @@ namespace {
 
 double Since(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();
-}
-
-bool WaitFor(const std::function<bool()>& done, double seconds) {
-  for (auto start = Clock::now(); !done(); usleep(10000)) {
-    if (Since(start) > seconds) return false;
-  }
-  return true;
 }
 
 // Runs body(i) in `n` children that block on a pipe until all exist, then go
@@ -61,47 +52,7 @@ int RunTogether(int n, const std::function<int(int)>& body, double& seconds) {
   return failed;
 }
 
-// Each fetch appends one line to "fetches"; a fetch blocks until the file
-// "release" exists (at most `blockMs`).
-class SlowCache : public Cache {
- public:
-  SlowCache(const std::string& dir, int blockMs)
-      : Cache(dir, "c", 100, false, 0), dir_(dir), blockMs_(blockMs) {}
-  Json::Value GetCacheInfo() const override { return "slow"; }
-  bool GetUpdatedData(Json::Value& data) const override {
-    int fd = open((dir_ + "/fetches").c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-    bool logged = fd >= 0 && write(fd, "f\n", 2) == 2;
-    if (fd >= 0) close(fd);
-    WaitFor([&] { return VLIBCFileExist((dir_ + "/release").c_str()) == 1; }, blockMs_ / 1000.0);
-    data["v"] = 2;
-    return logged;
-  }
-  bool IsValidData(const Json::Value& data) const override {
-    return data.isObject() && data.isMember("v");
-  }
-  int Fetches() const { return static_cast<int>(ReadText(dir_ + "/fetches").size() / 2); }
-  // Valid old data whose file is `age` seconds old.
-  bool MakeStale(long age) const {
-    Json::Value old;
-    old["v"] = 1;
-    struct timespec times[2] = {{time(nullptr) - age, 0}, {time(nullptr) - age, 0}};
-    return UpdateWithData(old) && utimensat(AT_FDCWD, GetCachePath().c_str(), times, 0) == 0;
-  }
-
- private:
-  std::string dir_;
-  int blockMs_;
-};
-
-class StressTest : public ::testing::Test {
- protected:
-  StressTest() { alarm(60); }  // a hang fails the test instead of the suite
-  ~StressTest() override {
-    alarm(0);
-    std::filesystem::remove_all("/tmp/.vantdr_lock" + dir.path());
-  }
-  TempDir dir;
-};
+class StressTest : public CacheFixture {};
 
 TEST_F(StressTest, ConcurrentInsertsLoseNoRow) {
   const SqliteTableHandler table("t", "id INTEGER PRIMARY KEY, who INTEGER");
@@ -130,35 +81,26 @@ TEST_F(StressTest, ConcurrentInsertsLoseNoRow) {
               took);
 }
 
-TEST_F(StressTest, SimultaneousStaleReadersFetchOnce) {
-  SlowCache cache(dir.path(), 2000);
-  ASSERT_TRUE(cache.MakeStale(200));
+// The one fetch blocks until the file "release" appears.
+TEST_F(StressTest, SimultaneousStaleReadersFetchOnceAndAKilledUpdaterBlocksNothing) {
+  TestCache cache(dir.path());
+  cache.delayMs = 20000;
+  ASSERT_TRUE(cache.UpdateWithData(Data(1)) && cache.SetAge(200));  // valid but stale
   double served = 0;
-  const auto start = Clock::now();
-  // 1 s is far below the 2 s fetch: nobody waited for it.
+  // Old data at once: nobody waits for the fetch.
   EXPECT_EQ(RunTogether(
                 16,
                 [&](int) {
                   const auto begin = Clock::now();
-                  return cache.Read()["v"] == 1 && Since(begin) < 1.0 ? 0 : 1;
+                  return cache.Read() == Data(1) && Since(begin) < 1.0 ? 0 : 1;
                 },
                 served),
             0);
-  EXPECT_TRUE(WaitFor([&] { return cache.Fetches() > 0; }, 5));
-  EXPECT_TRUE(WaitFor([&] { return !VLIBCFileExist((cache.GetCachePath() + ".pid").c_str()); }, 5));
-  usleep(300000);  // a late second updater would have fetched by now
-  EXPECT_EQ(cache.Fetches(), 1);
-  EXPECT_EQ(cache.Read()["v"], 2);
-  std::printf("[stress] 16 stale readers served in %.2f s, %d fetch(es), done after %.2f s\n",
-              served, cache.Fetches(), Since(start));
-}
-
-TEST_F(StressTest, KilledUpdaterDoesNotBlockTheNextUpdate) {
-  SlowCache cache(dir.path(), 20000);
-  ASSERT_TRUE(cache.MakeStale(200));
   const std::string pidPath = cache.GetCachePath() + ".pid";
-  EXPECT_EQ(cache.Read()["v"], 1);  // the updater runs detached
-  ASSERT_TRUE(WaitFor([&] { return cache.Fetches() == 1; }, 5));
+  ASSERT_TRUE(WaitFor([&] { return cache.Fetches() > 0; }, 5));
+  usleep(500000);  // a second updater would have fetched by now
+  const int fetches = cache.Fetches();
+  EXPECT_EQ(fetches, 1);
   const pid_t updater = VLIBCReadPidFile(pidPath.c_str());
   ASSERT_GT(updater, 0);
   ASSERT_EQ(kill(updater, SIGKILL), 0);
@@ -166,19 +108,24 @@ TEST_F(StressTest, KilledUpdaterDoesNotBlockTheNextUpdate) {
   EXPECT_EQ(VLIBCReadPidFile(pidPath.c_str()), updater);  // left behind by the dead updater
 
   ASSERT_TRUE(WriteText(dir.File("release"), ""));
-  auto start = Clock::now();
-  EXPECT_EQ(cache.Read()["v"], 1);
+  const auto start = Clock::now();
+  EXPECT_EQ(cache.Read(), Data(1));
   // Well inside the 5 s of any lock time-out.
   EXPECT_TRUE(WaitFor([&] { return cache.Fetches() == 2; }, 2));
   const double restarted = Since(start);
-  EXPECT_TRUE(WaitFor([&] { return !VLIBCFileExist(pidPath.c_str()); }, 5));
-  EXPECT_EQ(cache.Read()["v"], 2);
-  std::printf("[stress] updater %d killed; next update fetched after %.2f s\n", updater, restarted);
+  EXPECT_TRUE(WaitFor([&] { return !Exists(pidPath); }, 5));
+  EXPECT_EQ(cache.Read(), Data(7));
+  // The updaters were detached: this process has no child left to reap.
+  EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
+  EXPECT_EQ(errno, ECHILD);
+  std::printf(
+      "[stress] 16 stale readers served in %.2f s by %d fetch(es); updater %d killed, "
+      "next update fetched after %.2f s\n",
+      served, fetches, updater, restarted);
 }
 
 TEST_F(StressTest, FileLockSerialisesCounterIncrements) {
-  const std::string name = UniqueName("stress_counter");
-  const std::string counter = dir.File("counter");
+  const std::string name = UniqueName("stress_counter"), counter = dir.File("counter");
   ASSERT_TRUE(WriteText(counter, "0"));
   const int kProcs = 8, kIncrements = 200;
   double took = 0;

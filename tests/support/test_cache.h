@@ -1,0 +1,81 @@
+// A cache whose fetches are counted across processes, and a fixture giving
+// each test a fresh directory for such caches.
+#pragma once
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <ctime>
+#include <filesystem>
+#include <functional>
+#include <string>
+
+#include "support/temp_dir.h"
+#include "vantdr/cache.h"
+
+namespace VantDRTest {
+
+// {"v": v}
+inline Json::Value Data(int v) {
+  Json::Value data;
+  data["v"] = v;
+  return data;
+}
+
+inline bool Exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
+
+// Polls `done` every 10 ms for at most `seconds`.
+inline bool WaitFor(const std::function<bool()>& done, double seconds = 10) {
+  for (int i = 0; i < seconds * 100 && !done(); ++i) usleep(10000);
+  return done();
+}
+
+// Cache "c" in `dir` with a 100 s time-out; valid data is an object with "v".
+// Each fetch appends a line to <dir>/fetches (so fetches in children count
+// too), runs `onFetch`, waits `delayMs` or until <dir>/release exists, and
+// yields {"v":7}, failing when `fail` is set.
+struct TestCache : VantDRCore::Cache {
+  explicit TestCache(const std::string& dir, bool required = false, int retryLimit = 0)
+      : Cache(dir, "c", 100, required, retryLimit), dir(dir) {}
+  Json::Value GetCacheInfo() const override { return "test"; }
+  Json::Value GetDefaultValue() const override { return fallback; }
+  bool GetUpdatedData(Json::Value& data) const override {
+    const int fd = open((dir + "/fetches").c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+    if (fd >= 0 && (write(fd, "f\n", 2) != 2 || close(fd) != 0)) return false;
+    if (onFetch) onFetch();
+    WaitFor([&] { return Exists(dir + "/release"); }, delayMs / 1000.0);
+    data = Data(7);
+    return !fail;
+  }
+  bool IsValidData(const Json::Value& data) const override {
+    return data.isObject() && data.isMember("v");
+  }
+  int Fetches() const { return static_cast<int>(ReadText(dir + "/fetches").size() / 2); }
+  // Sets the file's modification time `age` seconds before `now`.
+  bool SetAge(long age, time_t now = time(nullptr)) const {
+    const struct timespec times[2] = {{now - age, 0}, {now - age, 0}};
+    return utimensat(AT_FDCWD, GetCachePath().c_str(), times, 0) == 0;
+  }
+
+  const std::string dir;
+  Json::Value fallback;
+  int delayMs = 0;
+  bool fail = false;
+  std::function<void()> onFetch;
+};
+
+// A hang fails the test instead of the suite; the lock files made for caches
+// in `dir` are removed afterwards.
+class CacheFixture : public ::testing::Test {
+ protected:
+  CacheFixture() { alarm(60); }
+  ~CacheFixture() override {
+    alarm(0);
+    std::filesystem::remove_all("/tmp/.vantdr_lock" + dir.path());
+  }
+  TempDir dir;
+};
+
+}  // namespace VantDRTest
