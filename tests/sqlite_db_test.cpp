@@ -43,9 +43,11 @@ pid_t HoldExclusive(const std::string& path) {
   const pid_t pid = VantDRTest::StartChild([&]() {
     sqlite3* handle = nullptr;
     sqlite3_open(path.c_str(), &handle);
-    if (sqlite3_exec(handle, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr) != 0) return 1;
-    if (write(fds[1], "x", 1) == 1) usleep(1500 * 1000);
-    return sqlite3_exec(handle, "COMMIT", nullptr, nullptr, nullptr);
+    int rc = sqlite3_exec(handle, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr);
+    if (rc == SQLITE_OK && write(fds[1], "x", 1) == 1) usleep(1500 * 1000);
+    if (rc == SQLITE_OK) rc = sqlite3_exec(handle, "COMMIT", nullptr, nullptr, nullptr);
+    sqlite3_close(handle);
+    return rc;
   });
   close(fds[1]);
   const bool held = read(fds[0], &c, 1) == 1;
