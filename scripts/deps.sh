@@ -13,7 +13,8 @@ vantdr_install_deps() {
   echo "Installing missing packages: ${missing[*]}"
   local sudo=""
   [ "$(id -u)" -ne 0 ] && sudo="sudo"
-  $sudo apt-get update -qq
+  # A mirror caught mid-sync fails one index; the rest still serve.
+  $sudo apt-get update -qq || echo "apt-get update reported errors; installing with what it has"
   DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends \
     "${missing[@]}"
 }
