@@ -170,3 +170,31 @@ TEST(SqliteDBContention, RetryLimitBoundsAttempts) {
                    "VALUES (3)]",
                    "INFO SelectByCommand: After retry [1] times, success to select command"}));
 }
+
+TEST(SqliteDB, ReusedQueriesFollowSchemaChangesMadeElsewhere) {
+  VantDRTest::TempDir tmp;
+  const std::string path = tmp.File("reuse.db");
+  SqliteDB db(path, 0, "t");
+  ASSERT_TRUE(db.Exec("CREATE TABLE t (a INTEGER); INSERT INTO t VALUES (1);"));
+  std::vector<SqliteValueList> rows;
+  ASSERT_TRUE(db.SelectByCommand("SELECT * FROM t", rows));
+  sqlite3* other = nullptr;
+  sqlite3_open(path.c_str(), &other);
+  ASSERT_EQ(
+      sqlite3_exec(other, "DROP TABLE t; CREATE TABLE t (b TEXT); INSERT INTO t VALUES ('x');",
+                   nullptr, nullptr, nullptr),
+      SQLITE_OK);
+  sqlite3_close(other);
+  ASSERT_TRUE(db.SelectByCommand("SELECT * FROM t", rows));
+  ASSERT_EQ(rows.size(), 2u);
+  EXPECT_EQ(rows[0].ToStr() + " " + rows[1].ToStr(), "a:1 b:'x'");
+  // More distinct queries than are kept prepared, then an early one again.
+  for (int i = 0; i < 20; ++i) {
+    SqliteValueList row;
+    ASSERT_TRUE(db.SelectByCommand("SELECT " + std::to_string(i) + " AS n", row));
+    EXPECT_EQ(row.ToStr(), "n:" + std::to_string(i));
+  }
+  SqliteValueList row;
+  ASSERT_TRUE(db.SelectByCommand("SELECT * FROM t", row));
+  EXPECT_EQ(row.ToStr(), "b:'x'");
+}

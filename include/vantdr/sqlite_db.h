@@ -110,6 +110,18 @@ class VANTDR_API SqliteDB : public ErrRecorder {
   // picks the form's own log texts. (Named like them: log lines carry the
   // function name.)
   bool SelectByCommand(const std::string& sql, bool oneRow, const std::function<bool()>& attempt);
+  // A prepared statement for `sql`, reused while it is among the most
+  // recently used queries (the same table checks and counts run on every
+  // command). Returns the prepare result; `*stmt` may be null for text
+  // without a statement. Callers reset, never finalize, what they get.
+  int PrepareQuery(const std::string& sql, sqlite3_stmt** stmt);
+  void FinalizeQueries();
+
+  struct PreparedQuery {
+    std::string sql;
+    sqlite3_stmt* stmt;
+  };
+  std::vector<PreparedQuery> queries_;  // least recently used first
 
   sqlite3* handle_ = nullptr;
   std::string path_;

@@ -2,6 +2,7 @@
 
 #include <sqlite3.h>
 
+#include <algorithm>
 #include <utility>
 
 #include "vantcore/vlibc.h"
@@ -14,6 +15,7 @@ namespace VantDRCore {
 namespace {
 
 const int kBusyTimeoutMSec = 1000;
+const size_t kPreparedQueries = 16;
 const unsigned kRetryPauseMinMSec = 1000;
 const unsigned kRetryPauseMaxMSec = 2000;
 
@@ -91,6 +93,7 @@ bool SqliteDB::Open() {
 
 void SqliteDB::Close() {
   if (handle_ == nullptr) return;
+  FinalizeQueries();  // sqlite3_close refuses a connection with live statements
   sqlite3_close(handle_);
   handle_ = nullptr;
 }
@@ -118,7 +121,7 @@ bool SqliteDB::DoSelect(const std::string& sql, const std::function<bool(sqlite3
     return false;
   }
   sqlite3_stmt* stmt = nullptr;
-  const int prepared = sqlite3_prepare_v2(handle_, sql.c_str(), -1, &stmt, nullptr);
+  const int prepared = PrepareQuery(sql, &stmt);
   if (prepared != SQLITE_OK) {
     SetDBErr(prepared, nullptr);
   } else if (stmt == nullptr) {
@@ -135,8 +138,33 @@ bool SqliteDB::DoSelect(const std::string& sql, const std::function<bool(sqlite3
       SetDBErr(stepped, nullptr);
     }
   }
-  if (stmt != nullptr) sqlite3_finalize(stmt);
+  // Reset ends the statement's read transaction; it stays prepared for reuse.
+  if (stmt != nullptr) sqlite3_reset(stmt);
   return GetErrCode() == 0;
+}
+
+int SqliteDB::PrepareQuery(const std::string& sql, sqlite3_stmt** stmt) {
+  for (auto it = queries_.begin(); it != queries_.end(); ++it) {
+    if (it->sql == sql) {
+      *stmt = it->stmt;
+      std::rotate(it, it + 1, queries_.end());  // now the most recently used
+      return SQLITE_OK;
+    }
+  }
+  *stmt = nullptr;
+  const int prepared = sqlite3_prepare_v2(handle_, sql.c_str(), -1, stmt, nullptr);
+  if (prepared != SQLITE_OK || *stmt == nullptr) return prepared;
+  if (queries_.size() == kPreparedQueries) {
+    sqlite3_finalize(queries_.front().stmt);
+    queries_.erase(queries_.begin());
+  }
+  queries_.push_back({sql, *stmt});
+  return SQLITE_OK;
+}
+
+void SqliteDB::FinalizeQueries() {
+  for (const PreparedQuery& query : queries_) sqlite3_finalize(query.stmt);
+  queries_.clear();
 }
 
 bool SqliteDB::DoSelectSqliteRecord(const std::string& sql, SqliteValueList& record) {
