@@ -68,7 +68,6 @@ TEST(JsonTextTest, AcceptsExactlyRfc8259) {
       "\"unterminated",
       "[1,,2]",
       "{\"a\"}",
-      std::string("\"nul\0byte\"", 10).c_str(),
   };
   for (const char* text : rejected) {
     Json::Value v = 5;
