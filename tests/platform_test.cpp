@@ -73,6 +73,17 @@ TEST(PlatformTest, PopenReadsTheProgramsOutputAndArgumentsAreNotShellWords) {
   int status = VLIBCPclose(out);
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
 
+  // A daemon with stdin and stdout closed gets the pipe as descriptors 0 and 1.
+  EXPECT_EQ(VantDRTest::RunInChild([] {
+              close(0);
+              close(1);
+              FILE* in = VLIBCPopen("/bin/echo", "r", "hi", static_cast<const char*>(nullptr));
+              char line[8] = {0};
+              bool ok = in != nullptr && fgets(line, sizeof line, in) != nullptr;
+              if (in != nullptr) VLIBCPclose(in);
+              return ok && std::string(line) == "hi\n" ? 0 : 1;
+            }).exitCode,
+            0);
   EXPECT_EQ(VLIBCPopen("/no/such/program", "r", static_cast<const char*>(nullptr)), nullptr);
   EXPECT_EQ(VLIBCPopen("/bin/true", "w", static_cast<const char*>(nullptr)), nullptr);
   EXPECT_EQ(VLIBCPclose(nullptr), -1);

@@ -29,7 +29,13 @@ static pid_t spawn(char* const argv[], int child_fd, int target_fd) {
   }
   if (pid == 0) {
     close(status_pipe[0]);
-    if (child_fd >= 0 && child_fd != target_fd && dup2(child_fd, target_fd) < 0) {
+    /* Already in place (the caller had `target_fd` closed): only the
+     * close-on-exec flag has to go, as dup2 would have cleared it. */
+    int placed = 0;
+    if (child_fd >= 0) {
+      placed = child_fd == target_fd ? fcntl(target_fd, F_SETFD, 0) : dup2(child_fd, target_fd);
+    }
+    if (placed < 0) {
       int err = errno;
       (void)!write(status_pipe[1], &err, sizeof err);
       _exit(127);
