@@ -123,6 +123,12 @@ TEST(JsonTextTest, FilesAreReplacedWholeAndFailuresLeaveTheOldFile) {
   struct stat st;
   ASSERT_EQ(stat(path.c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 07777, 0600u);
+  // A new file gets 0666 less the umask, as fopen would give it.
+  const mode_t mask = umask(0);
+  ASSERT_TRUE(JsonToFile(doc, dir.File("new.json")));
+  umask(mask);
+  ASSERT_EQ(stat(dir.File("new.json").c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 0666u);
 
   // A write that cannot happen leaves the old document in place.
   ASSERT_EQ(mkdir(dir.File("blocker.json").c_str(), 0755), 0);

@@ -39,7 +39,7 @@ DurableWriteStep WriteFileDurably(const std::string& path, const std::string& te
   std::string tmp = path + ".tmp." + std::to_string(getpid());
   struct stat st;
   const bool existed = stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode);
-  int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
   if (fd < 0) return DurableWriteStep::kOpen;
   DurableWriteStep step = DurableWriteStep::kDone;
   if (existed) fchmod(fd, st.st_mode & 07777);
