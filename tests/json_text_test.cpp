@@ -123,6 +123,14 @@ TEST(JsonTextTest, FilesAreReplacedWholeAndFailuresLeaveTheOldFile) {
   struct stat st;
   ASSERT_EQ(stat(path.c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 07777, 0600u);
+  // ... and its owner, as a write in place would (only root can give it away).
+  if (geteuid() == 0) {
+    ASSERT_EQ(chown(path.c_str(), 65534, 65534), 0);
+    ASSERT_TRUE(JsonToFile(doc, path));
+    ASSERT_EQ(stat(path.c_str(), &st), 0);
+    EXPECT_EQ(st.st_uid, 65534u);
+    EXPECT_EQ(st.st_gid, 65534u);
+  }
   // A new file gets 0666 less the umask, as fopen would give it.
   const mode_t mask = umask(0);
   ASSERT_TRUE(JsonToFile(doc, dir.File("new.json")));

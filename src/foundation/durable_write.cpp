@@ -42,7 +42,14 @@ DurableWriteStep WriteFileDurably(const std::string& path, const std::string& te
   int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
   if (fd < 0) return DurableWriteStep::kOpen;
   DurableWriteStep step = DurableWriteStep::kDone;
-  if (existed) fchmod(fd, st.st_mode & 07777);
+  if (existed) {
+    // The replacement takes the old file's owner (best effort: only root may
+    // give a file away) and then its bits, which a change of owner may clear.
+    if (st.st_uid != geteuid() || st.st_gid != getegid()) {
+      (void)!fchown(fd, st.st_uid, st.st_gid);
+    }
+    fchmod(fd, st.st_mode & 07777);
+  }
   if (!WriteAll(fd, text.data(), text.size())) {
     step = DurableWriteStep::kWrite;
   } else if (fsync(fd) != 0) {

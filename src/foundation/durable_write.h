@@ -9,9 +9,9 @@ namespace VantDRCore {
 enum class DurableWriteStep { kDone, kOpen, kWrite, kFlush, kSync, kRename };
 
 // Writes `text` to a temporary file beside `path`, syncs it and renames it
-// over `path`; an existing file's permission bits are kept, a new file gets
-// 0666 less the umask (as with fopen). On failure the temporary file is
-// removed, `path` is untouched and errno tells why.
+// over `path`; an existing file's owner (when allowed) and permission bits are kept, a new file
+// gets 0666 less the umask (as with fopen). On failure the temporary file is removed, `path` is
+// untouched and errno tells why.
 DurableWriteStep WriteFileDurably(const std::string& path, const std::string& text);
 
 }  // namespace VantDRCore
