@@ -1,6 +1,7 @@
 #include "vantdr/json_text.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <string>
 
@@ -155,6 +156,21 @@ TEST(JsonTextTest, FilesAreReplacedWholeAndFailuresLeaveTheOldFile) {
   EXPECT_FALSE(JsonFromFile(back, path));
   EXPECT_TRUE(back.isNull());
   EXPECT_FALSE(JsonFromFile(back, dir.path()));
+}
+
+TEST(JsonTextTest, LinksPlantedAtTemporaryNamesAreNeverFollowed) {
+  TempDir dir;
+  const std::string victim = dir.File("victim");
+  const std::string path = dir.File("cache.json");
+  ASSERT_TRUE(VantDRTest::WriteText(victim, "untouched"));
+  const std::string stem = path + ".tmp." + std::to_string(getpid()) + ".";
+  for (int i = 0; i < 100; ++i)
+    ASSERT_EQ(symlink(victim.c_str(), (stem + std::to_string(i)).c_str()), 0);
+  EXPECT_FALSE(JsonToFile(Json::Value("x"), path));
+  EXPECT_EQ(VantDRTest::ReadText(victim), "untouched");
+  for (int i = 0; i < 100; ++i) unlink((stem + std::to_string(i)).c_str());
+  EXPECT_TRUE(JsonToFile(Json::Value("x"), path));
+  EXPECT_EQ(VantDRTest::ReadText(victim), "untouched");
 }
 
 }  // namespace

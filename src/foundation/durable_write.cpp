@@ -6,6 +6,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
+
 namespace VantDRCore {
 namespace {
 
@@ -22,6 +24,20 @@ bool WriteAll(int fd, const char* data, size_t size) {
   return true;
 }
 
+// Creates a temporary file beside `path` that did not exist before: never
+// follows a link planted under a guessable name (the cache writes as root in
+// shared directories such as /tmp).
+int CreateTemporary(const std::string& path, std::string& tmp) {
+  static std::atomic<unsigned> counter{0};
+  const std::string stem = path + ".tmp." + std::to_string(getpid()) + ".";
+  for (int attempt = 0; attempt < 16; ++attempt) {
+    tmp = stem + std::to_string(counter++);
+    int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666);
+    if (fd >= 0 || errno != EEXIST) return fd;
+  }
+  return -1;
+}
+
 // Syncs the directory entry of a renamed file; best effort.
 void SyncParentDir(const std::string& path) {
   std::string::size_type slash = path.rfind('/');
@@ -36,10 +52,10 @@ void SyncParentDir(const std::string& path) {
 }  // namespace
 
 DurableWriteStep WriteFileDurably(const std::string& path, const std::string& text) {
-  std::string tmp = path + ".tmp." + std::to_string(getpid());
   struct stat st;
   const bool existed = stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode);
-  int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+  std::string tmp;
+  int fd = CreateTemporary(path, tmp);
   if (fd < 0) return DurableWriteStep::kOpen;
   DurableWriteStep step = DurableWriteStep::kDone;
   if (existed) {
