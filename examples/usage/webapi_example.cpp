@@ -8,7 +8,7 @@
 
 int main() {
   using namespace VantDRCore;
-  Request request("SYNO.DR.Plan", 1, "list", Json::Value(Json::objectValue));
+  Request request("VantDR.Plan", 1, "list", Json::Value(Json::objectValue));
   request.addParam("limit", 20);
   std::printf("%s -> %s\n", request.toStr().c_str(),
               JsonToString(request.toJson()).c_str());
