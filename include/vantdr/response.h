@@ -105,7 +105,7 @@ class VANTDR_API Response {
   const Json::Value& getResp() const { return resp_; }
 
  private:
-  const Json::Value null_;  ///< what absent members refer to; never changed
+  const Json::Value null_;  // what absent members refer to; never changed
   Json::Value resp_;
 };
 
