@@ -18,7 +18,7 @@ endif()
 
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libvantdrcore1)
 set(CPACK_COMPONENT_RUNTIME_DESCRIPTION
-    "VantDR Core services library\nSQLite records, web API messages, durable files, locks and a cache shared by processes, for the VantDR disaster-recovery product.")
+    "VantDR Core services library\nSQLite records, web API messages, durable files, locks and a cache\nshared by processes, for the VantDR disaster-recovery product.")
 # shlibdeps adds the C and C++ runtimes, SQLite and JsonCpp; the library
 # also runs /usr/bin/uuidgen, /bin/mkdir and /bin/rm.
 # A cross build whose sysroot dpkg-shlibdeps cannot read names them by hand.
