@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <string>
 
 #include "support/log_capture.h"
 #include "support/process.h"
@@ -197,4 +198,63 @@ TEST(SqliteDB, ReusedQueriesFollowSchemaChangesMadeElsewhere) {
   SqliteValueList row;
   ASSERT_TRUE(db.SelectByCommand("SELECT * FROM t", row));
   EXPECT_EQ(row.ToStr(), "b:'x'");
+
+  // A name found in an attached database, then created in main elsewhere:
+  // main's table is read once this connection has seen the new schema.
+  ASSERT_TRUE(db.Exec("ATTACH '" + tmp.File("aux.db") +
+                      "' AS aux; CREATE TABLE aux.job (id INTEGER, name TEXT);"
+                      "INSERT INTO aux.job VALUES (1, 'aux');"));
+  const SelectCommand select = AllJobs(SqliteEqual("id", 1));
+  ASSERT_TRUE(db.SelectByCommand(select.GetCommand(), row));
+  EXPECT_EQ(row.ToStr(), "id:1, name:'aux'");
+  sqlite3_open(path.c_str(), &other);
+  ASSERT_EQ(sqlite3_exec(other,
+                         "CREATE TABLE job (id INTEGER, name TEXT);"
+                         "INSERT INTO job VALUES (1, 'main');",
+                         nullptr, nullptr, nullptr),
+            SQLITE_OK);
+  sqlite3_close(other);
+  ASSERT_TRUE(db.SelectRecord(select, row));  // its table check reads main's schema
+  EXPECT_EQ(row.ToStr(), "id:1, name:'main'");
+  ASSERT_TRUE(db.SelectByCommand(select.GetCommand() + " ", row));
+  EXPECT_EQ(row.ToStr(), "id:1, name:'main'");
+}
+
+// Every read below is what a statement prepared at that moment returns.
+TEST(SqliteDB, ReusedQueriesFollowSchemaChangesMadeHere) {
+  VantDRTest::TempDir tmp;
+  SqliteDB db(tmp.File("main.db"), 0, "t");
+  const std::string text = AllJobs(SqliteEqual("id", 1)).GetCommand();
+  auto read = [&](const std::string& sql) {
+    SqliteValueList row;
+    return db.SelectByCommand(sql, row) ? row.ToStr() : "failed";
+  };
+  ASSERT_TRUE(db.Exec("ATTACH '" + tmp.File("aux.db") +
+                      "' AS aux; CREATE TABLE aux.job (id INTEGER, name TEXT);"
+                      "INSERT INTO aux.job VALUES (1, 'aux');"));
+  EXPECT_EQ(read(text) + "|" + read(text + " "), "id:1, name:'aux'|id:1, name:'aux'");
+  ASSERT_TRUE(db.InsertRecord(Job(1, "main")));  // its table check creates main.job
+  EXPECT_EQ(read(text) + "|" + read(text + " "), "id:1, name:'main'|id:1, name:'main'");
+  SqliteValueList row;
+  EXPECT_TRUE(db.SelectRecord(AllJobs(SqliteEqual("id", 1)), row));
+  EXPECT_EQ(row.ToStr(), "id:1, name:'main'");
+
+  // A temporary table shadows main's; a rollback takes it away again.
+  ASSERT_TRUE(
+      db.Exec("BEGIN; CREATE TEMP TABLE job (id INTEGER, name TEXT);"
+              "INSERT INTO temp.job VALUES (1, 'temp');"));
+  EXPECT_EQ(read(text), "id:1, name:'temp'");
+  ASSERT_TRUE(db.Exec("ROLLBACK"));
+  EXPECT_EQ(read(text), "id:1, name:'main'");
+  ASSERT_TRUE(
+      db.Exec("CREATE TEMP TABLE job (id INTEGER, name TEXT);"
+              "INSERT INTO temp.job VALUES (1, 'temp');"));
+  EXPECT_EQ(read(text), "id:1, name:'temp'");
+  ASSERT_TRUE(db.Exec("DROP TABLE temp.job; DROP TABLE main.job"));
+  EXPECT_EQ(read(text), "id:1, name:'aux'");
+  ASSERT_TRUE(db.Exec("DETACH aux"));
+  EXPECT_EQ(read(text), "failed");
+  EXPECT_EQ(JsonToString(db.GetErr()),
+            "{\"err_code\":404,\"err_msg\":{\"sqlite_errcode\":1,\"sqlite_errmsg\":\"no such "
+            "table: job\"}}");
 }

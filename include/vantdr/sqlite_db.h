@@ -116,12 +116,22 @@ class VANTDR_API SqliteDB : public ErrRecorder {
   // without a statement. Callers reset, never finalize, what they get.
   int PrepareQuery(const std::string& sql, sqlite3_stmt** stmt);
   void FinalizeQueries();
+  // Sees every statement this connection prepares: flags those after which
+  // a fresh prepare could resolve a name differently. Never denies.
+  static int Authorize(void* self, int action, const char* arg1, const char* arg2,
+                       const char* database, const char* trigger);
 
   struct PreparedQuery {
     std::string sql;
     sqlite3_stmt* stmt;
   };
   std::vector<PreparedQuery> queries_;  // least recently used first
+  // Schema, attachment or planner settings changed: drop the reused queries.
+  bool schemaChanged_ = false;
+  // SQLite re-checks only the schemas a statement reads, so one that found a
+  // table in an attached database would miss the same name created in main
+  // by another connection: with attachments, nothing is reused.
+  bool reuseDisabled_ = false;
 
   sqlite3* handle_ = nullptr;
   std::string path_;

@@ -83,6 +83,7 @@ bool SqliteDB::Open() {
     VLOG_WARN("Failed to open db[%s]", path_.c_str());
     return false;
   }
+  sqlite3_set_authorizer(handle_, &SqliteDB::Authorize, this);
   // The handle stays open on failure: a later Open() accepts it as it is.
   if (sqlite3_busy_timeout(handle_, kBusyTimeoutMSec) != SQLITE_OK) {
     VLOG_WARN("Failed to set busy timeout with error");
@@ -96,6 +97,8 @@ void SqliteDB::Close() {
   FinalizeQueries();  // sqlite3_close refuses a connection with live statements
   sqlite3_close(handle_);
   handle_ = nullptr;
+  schemaChanged_ = false;
+  reuseDisabled_ = false;  // attachments end with the connection
 }
 
 bool SqliteDB::IsExisted() const { return VLIBCFileExist(path_.c_str()) == 1; }
@@ -140,10 +143,15 @@ bool SqliteDB::DoSelect(const std::string& sql, const std::function<bool(sqlite3
   }
   // Reset ends the statement's read transaction; it stays prepared for reuse.
   if (stmt != nullptr) sqlite3_reset(stmt);
+  if (reuseDisabled_) FinalizeQueries();
   return GetErrCode() == 0;
 }
 
 int SqliteDB::PrepareQuery(const std::string& sql, sqlite3_stmt** stmt) {
+  if (schemaChanged_) {
+    FinalizeQueries();
+    schemaChanged_ = false;
+  }
   for (auto it = queries_.begin(); it != queries_.end(); ++it) {
     if (it->sql == sql) {
       *stmt = it->stmt;
@@ -165,6 +173,50 @@ int SqliteDB::PrepareQuery(const std::string& sql, sqlite3_stmt** stmt) {
 void SqliteDB::FinalizeQueries() {
   for (const PreparedQuery& query : queries_) sqlite3_finalize(query.stmt);
   queries_.clear();
+}
+
+// A statement that changes the schema is flagged when prepared, before it
+// runs; the flag is read at the next lookup, after it ran. SQLite itself
+// re-prepares a reused statement when a schema it reads changes (here or in
+// another connection) and after a rollback that undid a schema change.
+int SqliteDB::Authorize(void* self, int action, const char*, const char*, const char*,
+                        const char*) {
+  SqliteDB& db = *static_cast<SqliteDB*>(self);
+  switch (action) {
+    case SQLITE_ATTACH:
+      db.reuseDisabled_ = true;
+      db.schemaChanged_ = true;
+      break;
+    case SQLITE_CREATE_INDEX:
+    case SQLITE_CREATE_TABLE:
+    case SQLITE_CREATE_TEMP_INDEX:
+    case SQLITE_CREATE_TEMP_TABLE:
+    case SQLITE_CREATE_TEMP_TRIGGER:
+    case SQLITE_CREATE_TEMP_VIEW:
+    case SQLITE_CREATE_TRIGGER:
+    case SQLITE_CREATE_VIEW:
+    case SQLITE_CREATE_VTABLE:
+    case SQLITE_DROP_INDEX:
+    case SQLITE_DROP_TABLE:
+    case SQLITE_DROP_TEMP_INDEX:
+    case SQLITE_DROP_TEMP_TABLE:
+    case SQLITE_DROP_TEMP_TRIGGER:
+    case SQLITE_DROP_TEMP_VIEW:
+    case SQLITE_DROP_TRIGGER:
+    case SQLITE_DROP_VIEW:
+    case SQLITE_DROP_VTABLE:
+    case SQLITE_ALTER_TABLE:
+    case SQLITE_DETACH:
+    // Plans and settings fixed at prepare time (index choice, row order of
+    // unordered queries, LIKE case): a fresh prepare would see the change.
+    case SQLITE_ANALYZE:
+    case SQLITE_PRAGMA:
+      db.schemaChanged_ = true;
+      break;
+    default:
+      break;
+  }
+  return SQLITE_OK;
 }
 
 bool SqliteDB::DoSelectSqliteRecord(const std::string& sql, SqliteValueList& record) {
