@@ -258,3 +258,99 @@ TEST(SqliteDB, ReusedQueriesFollowSchemaChangesMadeHere) {
             "{\"err_code\":404,\"err_msg\":{\"sqlite_errcode\":1,\"sqlite_errmsg\":\"no such "
             "table: job\"}}");
 }
+
+TEST(SqliteDB, TextIsReadUpToItsFirstNul) {
+  VantDRTest::TempDir tmp;
+  SqliteDB db(tmp.File("nul.db"), 0, "t");
+  ASSERT_TRUE(db.InsertRecord(Job(1, "placeholder")));
+  ASSERT_TRUE(db.Exec("UPDATE job SET name = CAST(x'610062' AS TEXT) WHERE id = 1"));
+  SqliteValueList row;
+  ASSERT_TRUE(db.SelectRecord(AllJobs(SqliteEqual("id", 1)), row));
+  std::string name;
+  EXPECT_TRUE(row.GetValue("name", name) && name == "a");
+  // The record read back is written back as it is.
+  InsertCommand copy;
+  copy.SetTable(kJobs);
+  copy.SetFieldValues(row);
+  copy.SetReplacable(true);
+  ASSERT_TRUE(db.InsertRecord(copy));
+  ASSERT_TRUE(db.SelectByCommand("SELECT id, length(CAST(name AS BLOB)) AS bytes FROM job", row));
+  EXPECT_EQ(row.ToStr(), "bytes:1, id:1");
+}
+
+TEST(SqliteDB, TextWithoutStatementOrConnection) {
+  VantDRTest::TempDir tmp;
+  SqliteDB db(tmp.File("empty.db"), 2, "t");
+  // Without a connection a single attempt records SQLite's answer for a
+  // null handle.
+  const std::string closed = "{\"err_code\":21,\"err_msg\":\"out of memory\"}";
+  SqliteValueList row;
+  Rows rows;
+  EXPECT_FALSE(db.DoExecSqliteCommand("SELECT 1"));
+  EXPECT_EQ(JsonToString(db.GetErr()), closed);
+  db.SetErr(0);
+  EXPECT_FALSE(db.DoSelectSqliteRecord("SELECT 1", row));
+  EXPECT_EQ(JsonToString(db.GetErr()), closed);
+  db.SetErr(0);
+  EXPECT_FALSE(db.DoSelectSqliteRecords("SELECT 1", rows));
+  EXPECT_EQ(JsonToString(db.GetErr()), closed);
+
+  // Blanks, ";" or a comment run as nothing, but select nothing: misuse, no retry.
+  const std::string err =
+      "{\"err_code\":404,\"err_msg\":{\"sqlite_errcode\":21,\"sqlite_errmsg\":\"not an "
+      "error\"}}";
+  for (const std::string text : {" \n ", ";", "-- only a comment"}) {
+    SCOPED_TRACE(text);
+    EXPECT_TRUE(db.Exec(text));
+    EXPECT_EQ(db.GetErrCode(), 0);
+    VantDRTest::LogCapture log;
+    EXPECT_FALSE(db.SelectByCommand(text, row));
+    EXPECT_EQ(JsonToString(db.GetErr()), err);
+    EXPECT_FALSE(db.SelectByCommand(text, rows));
+    EXPECT_EQ(JsonToString(db.GetErr()), err);
+    const std::string tail = "[" + text + "] with err [" + err + "]";
+    EXPECT_EQ(
+        log.Summary(),
+        (Lines{"ERR SelectByCommand: Reach retry limit [0], failed to select command" + tail,
+               "ERR SelectByCommand: Reach retry limit [0], failed to exec command " + tail}));
+  }
+  EXPECT_TRUE(row.Empty() && rows.empty());
+  db.Close();
+  EXPECT_FALSE(db.DoExecSqliteCommand("SELECT 1"));
+  EXPECT_EQ(JsonToString(db.GetErr()), closed);
+}
+
+namespace {
+
+// Answers each GetCommand() with the next of its texts and counts the calls.
+class ScriptedCommand : public SqliteCommand {
+ public:
+  explicit ScriptedCommand(const Lines& texts) : texts_(texts) { SetTable(kJobs); }
+  std::string GetCommand() const override {
+    return calls_ < texts_.size() ? texts_[calls_++] : std::string();
+  }
+  bool IsValid() const override { return true; }
+  void DumpParam(std::stringstream&) const override {}
+  size_t calls() const { return calls_; }
+
+ private:
+  Lines texts_;
+  mutable size_t calls_ = 0;
+};
+
+}  // namespace
+
+TEST(SqliteDB, CommandIsAskedForTheLogLineAndAgainForTheRun) {
+  VantDRTest::TempDir tmp;
+  SqliteDB db(tmp.File("cmd.db"), 0, "[cmd]");
+  VantDRTest::LogCapture log;
+  ScriptedCommand command(
+      {"INSERT INTO job VALUES (1, 'logged')", "INSERT INTO job VALUES (1, 'run')"});
+  ASSERT_TRUE(db.Exec(command));
+  EXPECT_EQ(command.calls(), 2u);
+  EXPECT_EQ(log.Messages("INFO"), (Lines{"[cmd] Exec cmd: INSERT INTO job VALUES (1, 'logged')",
+                                         "[cmd] Exec cmd success"}));
+  SqliteValueList row;
+  ASSERT_TRUE(db.SelectByCommand("SELECT name FROM job", row));
+  EXPECT_EQ(row.ToStr(), "name:'run'");
+}

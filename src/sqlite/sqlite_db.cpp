@@ -35,13 +35,12 @@ void ParseRecord(sqlite3_stmt* stmt, SqliteValueList& record) {
         record.AddValue(name, SqliteValue(static_cast<long long>(sqlite3_column_int64(stmt, i))));
         break;
       case SQLITE_TEXT: {
-        // Read the text before its length: the order SQLite documents.
+        // Up to the first NUL: the builders' SQL text could not carry the
+        // rest, so a record read back can always be written back.
         const unsigned char* text = sqlite3_column_text(stmt, i);
-        const int bytes = sqlite3_column_bytes(stmt, i);
         record.AddValue(
             name, SqliteValue(text == nullptr ? std::string()
-                                              : std::string(reinterpret_cast<const char*>(text),
-                                                            static_cast<size_t>(bytes))));
+                                              : std::string(reinterpret_cast<const char*>(text))));
         break;
       }
       case SQLITE_NULL:
@@ -106,8 +105,10 @@ bool SqliteDB::IsExisted() const { return VLIBCFileExist(path_.c_str()) == 1; }
 // --- single attempts ---------------------------------------------------------
 
 bool SqliteDB::DoExecSqliteCommand(const std::string& sql) {
+  // What SQLite answers for a null connection: misuse, with the null
+  // handle's own message.
   if (handle_ == nullptr) {
-    SetDBErr(SQLITE_MISUSE, "database is not opened");
+    SetDBErr(SQLITE_MISUSE, nullptr);
     return false;
   }
   char* errmsg = nullptr;
@@ -120,7 +121,7 @@ bool SqliteDB::DoExecSqliteCommand(const std::string& sql) {
 bool SqliteDB::DoSelect(const std::string& sql, const std::function<bool(sqlite3_stmt*)>& onRow) {
   SetErr(ERR::ERR_DATABASE_OPERATION);
   if (handle_ == nullptr) {
-    SetDBErr(SQLITE_MISUSE, "database is not opened");
+    SetDBErr(SQLITE_MISUSE, nullptr);  // as DoExecSqliteCommand
     return false;
   }
   sqlite3_stmt* stmt = nullptr;
@@ -128,9 +129,9 @@ bool SqliteDB::DoSelect(const std::string& sql, const std::function<bool(sqlite3
   if (prepared != SQLITE_OK) {
     SetDBErr(prepared, nullptr);
   } else if (stmt == nullptr) {
-    // Text without a statement (blanks, comments) yields no row, as it does
-    // for sqlite3_exec.
-    SetErr(0);
+    // Text without a statement (blanks, ";", comments): stepping nothing is
+    // SQLite's misuse, reported with the connection's current message.
+    SetDBErr(SQLITE_MISUSE, nullptr);
   } else {
     int stepped;
     while ((stepped = sqlite3_step(stmt)) == SQLITE_ROW && onRow(stmt)) {
@@ -378,10 +379,9 @@ bool SqliteDB::CreateTable(const SqliteTableHandler& table) {
 
 bool SqliteDB::Exec(const SqliteCommand& command) {
   SetErr(ERR::ERR_UNKNOWN);
-  // Built once, before validation: an invalid builder logs its own refusal
-  // and shows here with its empty text.
-  const std::string sql = command.GetCommand();
-  VLOG_INFO("%s Exec cmd: %s", logTag_.c_str(), sql.c_str());
+  // Logged before validation: an invalid builder logs its own refusal and
+  // shows here with its empty text.
+  VLOG_INFO("%s Exec cmd: %s", logTag_.c_str(), command.GetCommand().c_str());
   if (!command.IsValid()) {
     SetErr(ERR::BAD_PARAMETER);
     return false;
@@ -391,6 +391,8 @@ bool SqliteDB::Exec(const SqliteCommand& command) {
     VLOG_ERR("Failed to create table [%s]", command.GetTable().GetName().c_str());
     return false;
   }
+  // Asked again for the run: a caller's builder may answer differently.
+  const std::string sql = command.GetCommand();
   if (!Exec(sql)) {
     VLOG_ERR("Failed to exec [%s] in db[%s]", sql.c_str(), path_.c_str());
     return false;
