@@ -354,3 +354,28 @@ TEST(SqliteDB, CommandIsAskedForTheLogLineAndAgainForTheRun) {
   ASSERT_TRUE(db.SelectByCommand("SELECT name FROM job", row));
   EXPECT_EQ(row.ToStr(), "name:'run'");
 }
+
+TEST(SqliteDB, DanglingLinkIsNoDatabase) {
+  VantDRTest::TempDir tmp;
+  const std::string target = tmp.File("target.db");
+  const std::string link = tmp.File("link.db");
+  ASSERT_EQ(symlink(target.c_str(), link.c_str()), 0);
+  SqliteDB db(link, 0, "t");
+  db.SetErr(123, "earlier");
+  Rows rows;
+  SqliteValueList row;
+  const SelectCommand select = AllJobs(SqliteEqual("id", 1));
+  EXPECT_FALSE(db.IsExisted());
+  EXPECT_FALSE(db.SelectRecords(select, rows) || db.SelectRecord(select, row));
+  EXPECT_EQ(JsonToString(db.GetErr()), "{\"err_code\":123,\"err_msg\":\"earlier\"}");
+  EXPECT_TRUE(db.DeleteRecord("id=1", kJobs) && db.DeleteAllRecords(kJobs));
+  EXPECT_NE(access(target.c_str(), F_OK), 0);
+  // Once the target exists the link is the database.
+  {
+    SqliteDB direct(target, 0, "t");
+    ASSERT_TRUE(direct.InsertRecord(Job(1, "through")));
+  }
+  EXPECT_TRUE(db.IsExisted() && db.SelectRecords(select, rows));
+  ASSERT_EQ(rows.size(), 1u);
+  EXPECT_EQ(rows[0].ToStr(), "id:1, name:'through'");
+}
