@@ -36,6 +36,13 @@ SelectCommand AllJobs(const SqliteCondition& condition) {
   return select;
 }
 
+// Attaches `path` as aux, holding a job table with the row (1, 'aux').
+std::string AttachJobs(const std::string& path) {
+  return "ATTACH '" + path +
+         "' AS aux; CREATE TABLE aux.job (id INTEGER, name TEXT);"
+         "INSERT INTO aux.job VALUES (1, 'aux');";
+}
+
 // A child holding BEGIN EXCLUSIVE on `path` for 1.5 s; returns once it holds.
 pid_t HoldExclusive(const std::string& path) {
   int fds[2];
@@ -201,9 +208,7 @@ TEST(SqliteDB, ReusedQueriesFollowSchemaChangesMadeElsewhere) {
 
   // A name found in an attached database, then created in main elsewhere:
   // main's table is read once this connection has seen the new schema.
-  ASSERT_TRUE(db.Exec("ATTACH '" + tmp.File("aux.db") +
-                      "' AS aux; CREATE TABLE aux.job (id INTEGER, name TEXT);"
-                      "INSERT INTO aux.job VALUES (1, 'aux');"));
+  ASSERT_TRUE(db.Exec(AttachJobs(tmp.File("aux.db"))));
   const SelectCommand select = AllJobs(SqliteEqual("id", 1));
   ASSERT_TRUE(db.SelectByCommand(select.GetCommand(), row));
   EXPECT_EQ(row.ToStr(), "id:1, name:'aux'");
@@ -229,9 +234,7 @@ TEST(SqliteDB, ReusedQueriesFollowSchemaChangesMadeHere) {
     SqliteValueList row;
     return db.SelectByCommand(sql, row) ? row.ToStr() : "failed";
   };
-  ASSERT_TRUE(db.Exec("ATTACH '" + tmp.File("aux.db") +
-                      "' AS aux; CREATE TABLE aux.job (id INTEGER, name TEXT);"
-                      "INSERT INTO aux.job VALUES (1, 'aux');"));
+  ASSERT_TRUE(db.Exec(AttachJobs(tmp.File("aux.db"))));
   EXPECT_EQ(read(text) + "|" + read(text + " "), "id:1, name:'aux'|id:1, name:'aux'");
   ASSERT_TRUE(db.InsertRecord(Job(1, "main")));  // its table check creates main.job
   EXPECT_EQ(read(text) + "|" + read(text + " "), "id:1, name:'main'|id:1, name:'main'");
@@ -240,15 +243,13 @@ TEST(SqliteDB, ReusedQueriesFollowSchemaChangesMadeHere) {
   EXPECT_EQ(row.ToStr(), "id:1, name:'main'");
 
   // A temporary table shadows main's; a rollback takes it away again.
-  ASSERT_TRUE(
-      db.Exec("BEGIN; CREATE TEMP TABLE job (id INTEGER, name TEXT);"
-              "INSERT INTO temp.job VALUES (1, 'temp');"));
+  const std::string tempJob =
+      "CREATE TEMP TABLE job (id INTEGER, name TEXT); INSERT INTO temp.job VALUES (1, 'temp');";
+  ASSERT_TRUE(db.Exec("BEGIN; " + tempJob));
   EXPECT_EQ(read(text), "id:1, name:'temp'");
   ASSERT_TRUE(db.Exec("ROLLBACK"));
   EXPECT_EQ(read(text), "id:1, name:'main'");
-  ASSERT_TRUE(
-      db.Exec("CREATE TEMP TABLE job (id INTEGER, name TEXT);"
-              "INSERT INTO temp.job VALUES (1, 'temp');"));
+  ASSERT_TRUE(db.Exec(tempJob));
   EXPECT_EQ(read(text), "id:1, name:'temp'");
   ASSERT_TRUE(db.Exec("DROP TABLE temp.job; DROP TABLE main.job"));
   EXPECT_EQ(read(text), "id:1, name:'aux'");
