@@ -30,8 +30,8 @@ class VANTDR_API Request {
   /// included (toJson overwrites them).
   Request(const std::string& api, int version, const std::string& method,
           const Json::Value& params);
-  /// Defaults, then setRequest(request).
-  explicit Request(const Json::Value& request);
+  /// Defaults, then setRequest(request). Implicit, so JSON converts.
+  Request(const Json::Value& request);
   /// Destroys the message; a derived request is deleted through this base.
   virtual ~Request();
 

@@ -28,11 +28,14 @@ class VANTDR_API Response {
   /// Replaces the answer with a copy of `other`'s.
   Response& operator=(const Response& other);
   /// Parses `text`; text that is not JSON leaves a null, invalid answer.
-  explicit Response(const std::string& text);
-  /// As the std::string form; nullptr parses as "".
+  /// Implicit, so text converts.
+  Response(const std::string& text);
+  /// As the std::string form; nullptr parses as "". Explicit: an implicit
+  /// one would make a literal ambiguous between callers' overloads on
+  /// std::string and Response.
   explicit Response(const char* text);
-  /// Keeps a copy of `answer`, whatever its shape.
-  explicit Response(const Json::Value& answer);
+  /// Keeps a copy of `answer`, whatever its shape. Implicit, so JSON converts.
+  Response(const Json::Value& answer);
   /// Destroys the answer; a derived response is deleted through this base.
   virtual ~Response();
 

@@ -27,8 +27,8 @@ class VANTDR_API SqliteCondition {
  public:
   /// An empty, invalid condition.
   SqliteCondition();
-  /// Takes a finished condition text as it is.
-  explicit SqliteCondition(const std::string& text);
+  /// Takes a finished condition text as it is. Implicit, so text converts.
+  SqliteCondition(const std::string& text);
   /// Destroys the condition; derived conditions are deleted through this base.
   virtual ~SqliteCondition();
 

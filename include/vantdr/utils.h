@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "vantdr/export.h"
+#include "vantdr/supported_types.h"
 
 namespace VantDRCore {
 
@@ -28,19 +29,37 @@ VANTDR_API bool IsVolPath(const std::string& path);
 /// Conversions of vectors to JSON and to text.
 namespace Container {
 
+/// @cond
+// The instances in the library, behind the checked entry points below.
+template <typename T>
+VANTDR_API Json::Value ToJsonArray(const std::vector<T>& items, CheckedType);
+template <typename T>
+VANTDR_API std::string ToString(const std::vector<T>& items, const std::string& separator,
+                                CheckedType);
+/// @endcond
+
 /// A JSON array (empty, never null, for an empty vector) of the elements as
 /// JSON strings, integers, booleans or reals. T: std::string, int, bool,
-/// double.
+/// double; any other type is a compile error.
 template <typename T>
-VANTDR_API Json::Value ToJsonArray(const std::vector<T>& items);
+Json::Value ToJsonArray(const std::vector<T>& items) {
+  static_assert(IsOneOf<T, std::string, int, bool, double>,
+                "Container::ToJsonArray<T> supports T = std::string, int, bool, double");
+  return ToJsonArray(items, CheckedType());
+}
 
 /// Joins the elements left to right; the separator goes before an element
 /// only when the text built so far is not empty. Strings contribute their
 /// text. Numbers and booleans contribute ONE CHARACTER whose code is their
 /// low eight bits (65 -> "A", true -> "\x01"), not decimal digits: callers
-/// who want digits convert first. T: std::string, int, bool, double.
+/// who want digits convert first. T: std::string, int, bool, double; any
+/// other type is a compile error.
 template <typename T>
-VANTDR_API std::string ToString(const std::vector<T>& items, const std::string& separator);
+std::string ToString(const std::vector<T>& items, const std::string& separator) {
+  static_assert(IsOneOf<T, std::string, int, bool, double>,
+                "Container::ToString<T> supports T = std::string, int, bool, double");
+  return ToString(items, separator, CheckedType());
+}
 
 }  // namespace Container
 
