@@ -26,8 +26,11 @@ class VANTDR_API File {
   /// as an empty store. Lines are joined without their line ends.
   static bool Read(const std::string& path, Json::Value& value);
 
-  /// Replaces the file's content with `value` as compact JSON. The text is
-  /// flushed and synced before success; on failure the old content stays.
+  /// Writes `value` as compact JSON, synced before success. A plain file is
+  /// replaced whole: readers see the old or the new document, a failure keeps
+  /// the old one, owner, group and mode stay. Where a replacement would show
+  /// (links, hard links, special files, attributes, ACLs, owners or a directory
+  /// the caller cannot write) it is written in place, as fopen(path, "w") would.
   static bool Write(const std::string& path, const Json::Value& value);
 
   /// Reads and parses everything left on `fd`. Once the stream is opened the

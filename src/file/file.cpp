@@ -41,8 +41,8 @@ bool File::Write(const std::string& path, const Json::Value& value) {
     VLOG_ERR("Empty path to write.");
     return false;
   }
-  // Written beside the target and renamed over it, so a failure at any step
-  // leaves the previous document in place.
+  // Replaced atomically where nobody can tell, else written in place: see
+  // the writer for the rule.
   const std::string text = JsonToString(value);
   switch (WriteFileDurably(path, text)) {
     case DurableWriteStep::kDone:
@@ -58,10 +58,6 @@ bool File::Write(const std::string& path, const Json::Value& value) {
       break;
     case DurableWriteStep::kSync:
       VLOG_ERR("Failed to sync file [%s]", path.c_str());
-      break;
-    case DurableWriteStep::kRename:
-      // The synced text could not replace the target (e.g. it is a directory).
-      VLOG_ERR("Failed to replace file [%s], errno=%m", path.c_str());
       break;
   }
   return false;

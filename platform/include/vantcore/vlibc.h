@@ -50,7 +50,8 @@ int VLIBCReadPidFile(const char* path);
 int VLIBCProcAlive(pid_t pid);
 
 /* Writes the calling process's id (decimal, one line) into `path`,
- * replacing the file's content; the file is synced before success.
+ * replacing the file whole; a link at `path` is replaced, never followed.
+ * The file is synced before success.
  * Returns 0 on success, -1 on failure (errno set). */
 int VLIBCProcPidFileCreate(const char* path);
 
