@@ -2,6 +2,7 @@
 // raw bytes must be accepted or refused alike and read to values equal node
 // for node, types included; values built from the bytes (any real, holes,
 // comments, nesting past the limit) must be written to identical text.
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
@@ -53,9 +54,17 @@ class Bytes {
 const Json::CommentPlacement kPlacements[] = {Json::commentBefore, Json::commentAfterOnSameLine,
                                               Json::commentAfter};
 
-// A value shaped by the bytes; `deepest` is the depth of its deepest node.
-Json::Value Build(Bytes& in, int depth, int& deepest, bool& plain) {
-  if (depth > deepest) deepest = depth;
+// The depth of the deepest node below `v` (inputs are short: this recursion
+// stays shallow).
+int Deepest(const Json::Value& v) {
+  int deepest = 0;
+  for (const Json::Value& child : v) deepest = std::max(deepest, 1 + Deepest(child));
+  return deepest;
+}
+
+// A value shaped by the bytes; `plain` is cleared when it holds something
+// whose text does not read back (comments, infinities, NaN).
+Json::Value Build(Bytes& in, bool& plain) {
   Json::Value v;
   const uint8_t op = in.Byte();
   switch (op % 10) {
@@ -87,7 +96,7 @@ Json::Value Build(Bytes& in, int depth, int& deepest, bool& plain) {
       // A long chain of single children reaches past the depth limit.
       const int children = (op & 0x80) != 0 ? 1 : (op >> 4) % 4;
       for (int i = 0; i < children && !in.empty(); ++i) {
-        Json::Value child = Build(in, depth + 1, deepest, plain);
+        Json::Value child = Build(in, plain);
         if (v.isArray()) {
           v.append(std::move(child));
         } else {
@@ -98,10 +107,10 @@ Json::Value Build(Bytes& in, int depth, int& deepest, bool& plain) {
     }
     case 8:
       v = Json::Value(Json::arrayValue);
-      v[in.Byte() % 8] = Build(in, depth + 1, deepest, plain);  // earlier indexes unset
+      v[in.Byte() % 8] = Build(in, plain);  // earlier indexes unset
       break;
     case 9:
-      v = Build(in, depth, deepest, plain);
+      v = Build(in, plain);
       v.setComment("//" + in.Text(), kPlacements[op / 10 % 3]);
       plain = false;
       break;
@@ -126,11 +135,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (accepted && VantDRCore::JsonToString(actual) != JsonOracle::ToString(expected)) abort();
 
   Bytes in(data, size);
-  int deepest = 0;
   bool plain = true;
-  Json::Value built = Build(in, 0, deepest, plain);
+  Json::Value built = Build(in, plain);
   const std::string written = VantDRCore::JsonToString(built);
-  if (deepest > JsonOracle::kMaxDepth) {
+  if (Deepest(built) > JsonOracle::kMaxDepth) {
     if (!written.empty()) abort();
   } else {
     if (written != JsonOracle::ToString(built)) abort();
