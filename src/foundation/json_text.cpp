@@ -81,6 +81,9 @@ class Reader {
   }
 
  private:
+  // Only the payload: the slots filled here carry no comments to keep.
+  static void Set(Json::Value& out, Json::Value&& value) { out.swapPayload(value); }
+
   void SkipSpace() {
     while (p_ < end_ && (*p_ == ' ' || *p_ == '\n' || *p_ == '\r' || *p_ == '\t')) ++p_;
   }
@@ -102,20 +105,20 @@ class Reader {
         const char* begin;
         const char* end;
         if (!String(begin, end)) return false;
-        out = Json::Value(begin, end);
+        Set(out, Json::Value(begin, end));
         return true;
       }
       case 't':
         if (!Literal("true", 4)) return false;
-        out = true;
+        Set(out, Json::Value(true));
         return true;
       case 'f':
         if (!Literal("false", 5)) return false;
-        out = false;
+        Set(out, Json::Value(false));
         return true;
       case 'n':
         if (!Literal("null", 4)) return false;
-        out = Json::Value();
+        Set(out, Json::Value());
         return true;
       default:
         return Number(out);
@@ -124,7 +127,7 @@ class Reader {
 
   bool Array(Json::Value& out, int depth) {
     ++p_;
-    out = Json::Value(Json::arrayValue);
+    Set(out, Json::Value(Json::arrayValue));
     SkipSpace();
     if (p_ < end_ && *p_ == ']') {
       ++p_;
@@ -143,7 +146,7 @@ class Reader {
 
   bool Object(Json::Value& out, int depth) {
     ++p_;
-    out = Json::Value(Json::objectValue);
+    Set(out, Json::Value(Json::objectValue));
     SkipSpace();
     if (p_ < end_ && *p_ == '}') {
       ++p_;
@@ -294,11 +297,12 @@ class Reader {
     constexpr uint64_t kInt64Max = static_cast<uint64_t>(INT64_MAX);
     if (negative) {
       if (magnitude > kInt64Max + 1) return false;
-      out = magnitude == 0 ? Json::Int64(0) : -static_cast<Json::Int64>(magnitude - 1) - 1;
+      Set(out, Json::Value(magnitude == 0 ? Json::Int64(0)
+                                          : -static_cast<Json::Int64>(magnitude - 1) - 1));
     } else if (magnitude <= kInt64Max) {
-      out = static_cast<Json::Int64>(magnitude);
+      Set(out, Json::Value(static_cast<Json::Int64>(magnitude)));
     } else {
-      out = static_cast<Json::UInt64>(magnitude);
+      Set(out, Json::Value(static_cast<Json::UInt64>(magnitude)));
     }
     return true;
   }
@@ -322,7 +326,7 @@ class Reader {
     const double value = c_locale != static_cast<locale_t>(0) ? strtod_l(text, nullptr, c_locale)
                                                               : strtod(text, nullptr);
     if (std::isinf(value)) return false;
-    out = value;
+    Set(out, Json::Value(value));
     return true;
   }
 
