@@ -98,9 +98,9 @@ class Reader {
     if (p_ == end_ || depth > kMaxDepth) return false;
     switch (*p_) {
       case '{':
-        return Object(out, depth);
+        return Container(out, depth, true);
       case '[':
-        return Array(out, depth);
+        return Container(out, depth, false);
       case '"': {
         const char* begin;
         const char* end;
@@ -125,48 +125,36 @@ class Reader {
     }
   }
 
-  bool Array(Json::Value& out, int depth) {
+  // Arrays and objects: `members` says whether each item comes with a key.
+  bool Container(Json::Value& out, int depth, bool members) {
+    const char close = members ? '}' : ']';
     ++p_;
-    Set(out, Json::Value(Json::arrayValue));
+    Set(out, Json::Value(members ? Json::objectValue : Json::arrayValue));
     SkipSpace();
-    if (p_ < end_ && *p_ == ']') {
+    if (p_ < end_ && *p_ == close) {
       ++p_;
       return true;
     }
     while (true) {
       SkipSpace();
-      if (!Value(out.append(Json::Value()), depth + 1)) return false;
+      Json::Value* item;
+      if (members) {
+        const char* begin;
+        const char* end;
+        if (p_ == end_ || *p_ != '"' || !String(begin, end)) return false;
+        // A repeated key takes the later value, as JsonCpp's reader does.
+        item = out.demand(begin, end);
+        SkipSpace();
+        if (p_ == end_ || *p_++ != ':') return false;
+        SkipSpace();
+      } else {
+        item = &out.append(Json::Value());
+      }
+      if (!Value(*item, depth + 1)) return false;
       SkipSpace();
       if (p_ == end_) return false;
       const char c = *p_++;
-      if (c == ']') return true;
-      if (c != ',') return false;
-    }
-  }
-
-  bool Object(Json::Value& out, int depth) {
-    ++p_;
-    Set(out, Json::Value(Json::objectValue));
-    SkipSpace();
-    if (p_ < end_ && *p_ == '}') {
-      ++p_;
-      return true;
-    }
-    while (true) {
-      SkipSpace();
-      const char* begin;
-      const char* end;
-      if (p_ == end_ || *p_ != '"' || !String(begin, end)) return false;
-      // A repeated key takes the later value, as JsonCpp's reader does.
-      Json::Value* member = out.demand(begin, end);
-      SkipSpace();
-      if (p_ == end_ || *p_++ != ':') return false;
-      SkipSpace();
-      if (!Value(*member, depth + 1)) return false;
-      SkipSpace();
-      if (p_ == end_) return false;
-      const char c = *p_++;
-      if (c == '}') return true;
+      if (c == close) return true;
       if (c != ',') return false;
     }
   }
@@ -527,9 +515,18 @@ bool JsonFromString(Json::Value& out, const std::string& text) {
 }
 
 std::string JsonToString(const Json::Value& value) {
-  std::string text;
+  // Text grows in a buffer kept per thread and leaves as one exact copy:
+  // growing a fresh string each time costs a megabyte document more in page
+  // faults than the writing itself. Buffers past 2 MiB are not kept.
+  static thread_local std::string scratch;
+  struct Trim {
+    ~Trim() {
+      if (scratch.capacity() > (2u << 20)) std::string().swap(scratch);
+      scratch.clear();
+    }
+  } trim;
   try {
-    if (Writer(text).Document(value)) return text;
+    if (Writer(scratch).Document(value)) return scratch;
     VLOG_ERR("Refused to write a value nested deeper than %d levels", kMaxDepth);
   } catch (const std::exception& e) {
     VLOG_ERR("Failed to write JSON text: %s", e.what());
