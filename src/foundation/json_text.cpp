@@ -23,21 +23,19 @@ namespace {
 // refuses what the reader would refuse, so every text written parses back.
 constexpr int kMaxDepth = 512;
 
-enum : unsigned char { kPlain, kStop };
-
 // Bytes that end a run of plain string content, for reading (quote,
 // backslash, control characters) and for writing, which escapes the same set.
-struct StringBytes {
-  unsigned char kind[256];
-  constexpr StringBytes() : kind() {
-    for (int c = 0; c < 0x20; ++c) kind[c] = kStop;
-    kind[static_cast<unsigned char>('"')] = kStop;
-    kind[static_cast<unsigned char>('\\')] = kStop;
+struct StopBytes {
+  bool stop[256];
+  constexpr StopBytes() : stop() {
+    for (int c = 0; c < 0x20; ++c) stop[c] = true;
+    stop[static_cast<unsigned char>('"')] = true;
+    stop[static_cast<unsigned char>('\\')] = true;
   }
 };
-constexpr StringBytes kStringBytes;
+constexpr StopBytes kStopBytes;
 
-inline bool IsStop(char c) { return kStringBytes.kind[static_cast<unsigned char>(c)] == kStop; }
+inline bool IsStop(char c) { return kStopBytes.stop[static_cast<unsigned char>(c)]; }
 inline bool IsDigit(char c) { return c >= '0' && c <= '9'; }
 
 int HexValue(char c) {
@@ -67,8 +65,8 @@ void AppendUtf8(std::string& out, unsigned cp) {
 
 // Strict RFC 8259 in one pass, building the value as it goes. Strings are
 // byte strings: bytes of 0x80 and above pass unchecked, so whatever
-// JsonToString writes parses. Numbers get the types JsonCpp's reader gives
-// them, so values compare equal whichever way a document was read before.
+// JsonToString writes parses. Numbers are typed as JsonCpp's reader types
+// them, so a value read here equals the one JsonCpp would build.
 class Reader {
  public:
   Reader(const char* begin, const char* end) : p_(begin), end_(end) {}
