@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -361,35 +362,44 @@ const std::string kLocked =
     "with err [{\"err_code\":405,\"err_msg\":{\"sqlite_errcode\":5,\"sqlite_errmsg\":\"database "
     "is locked\"}}]";
 
-TEST(SqliteTransactionContention, BeginAndCommitAreRetriedWhenBusy) {
+class SqliteTransactionContention : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(db.InsertRecord(Job(1, "a")));
+    log.Clear();
+  }
+
+  // Runs `body` while a child holds the lock that `begin` takes.
+  void WhileHeld(const char* begin, int holdMs, const std::function<void()>& body) {
+    const pid_t holder = VantDRTest::HoldSqliteLock(path, begin, holdMs);
+    ASSERT_GT(holder, 0);
+    body();
+    EXPECT_EQ(VantDRTest::WaitChild(holder).exitCode, 0);
+  }
+
   VantDRTest::TempDir tmp;
   const std::string path = tmp.File("jobs.db");
-  SqliteDB db(path, 2, "t"), impatient(path, 0, "t");
-  ASSERT_TRUE(db.InsertRecord(Job(1, "a")));
+  SqliteDB db{path, 2, "t"};
+  SqliteDB impatient{path, 0, "t"};
   LogCapture log;
-  pid_t holder = VantDRTest::HoldSqliteLock(path, kWriter);
-  {
+};
+
+TEST_F(SqliteTransactionContention, BeginAndCommitAreRetriedWhenBusy) {
+  WhileHeld(kWriter, 1500, [&] {
     SqliteTransaction transaction(impatient);
     EXPECT_FALSE(transaction.Begin() || transaction.IsActive());
     EXPECT_EQ(impatient.GetErrCode(), 405);
-  }
-  EXPECT_EQ(VantDRTest::WaitChild(holder).exitCode, 0);
-  holder = VantDRTest::HoldSqliteLock(path, kWriter);
-  {
-    SqliteTransaction transaction(db);
-    ASSERT_TRUE(transaction.Begin());
-    EXPECT_EQ(VantDRTest::WaitChild(holder).exitCode, 0);
-  }
-  // A reader started first (see HoldSqliteLock), holding long enough to
+  });
+  SqliteTransaction transaction(db);
+  WhileHeld(kWriter, 1500, [&] { EXPECT_TRUE(transaction.Begin()); });
+  EXPECT_TRUE(transaction.Rollback());
+  // The reader starts first (see HoldSqliteLock) and holds long enough to
   // outlast the first COMMIT but not the second.
-  holder = VantDRTest::HoldSqliteLock(path, kReader, 2500);
-  {
-    SqliteTransaction transaction(db);
+  WhileHeld(kReader, 2500, [&] {
     ASSERT_TRUE(transaction.Begin());
     ASSERT_TRUE(db.InsertRecord(Job(2, "b")));
     EXPECT_TRUE(transaction.Commit());
-    EXPECT_EQ(VantDRTest::WaitChild(holder).exitCode, 0);
-  }
+  });
   EXPECT_EQ(Count(impatient), 2);
   EXPECT_EQ(
       log.Summary(),
@@ -400,23 +410,14 @@ TEST(SqliteTransactionContention, BeginAndCommitAreRetriedWhenBusy) {
              "INFO Exec: After retry [1] times, success to exec command [COMMIT]"}));
 }
 
-TEST(SqliteTransactionContention, BatchesStartOverFromBeginWhenBusy) {
-  VantDRTest::TempDir tmp;
-  const std::string path = tmp.File("jobs.db");
-  SqliteDB db(path, 2, "t"), impatient(path, 0, "t");
-  ASSERT_TRUE(db.InsertRecord(Job(1, "a")));
-  LogCapture log;
-  pid_t holder = VantDRTest::HoldSqliteLock(path, kWriter);
-  EXPECT_FALSE(impatient.InsertRecords(Jobs(2, 3)));
-  EXPECT_EQ(impatient.GetErrCode(), 405);
-  EXPECT_EQ(VantDRTest::WaitChild(holder).exitCode, 0);
-  holder = VantDRTest::HoldSqliteLock(path, kWriter);
-  EXPECT_TRUE(db.InsertRecords(Jobs(2, 3)));
-  EXPECT_EQ(VantDRTest::WaitChild(holder).exitCode, 0);
+TEST_F(SqliteTransactionContention, BatchesStartOverFromBeginWhenBusy) {
+  WhileHeld(kWriter, 1500, [&] {
+    EXPECT_FALSE(impatient.InsertRecords(Jobs(2, 3)));
+    EXPECT_EQ(impatient.GetErrCode(), 405);
+  });
+  WhileHeld(kWriter, 1500, [&] { EXPECT_TRUE(db.InsertRecords(Jobs(2, 3))); });
   // BUSY at COMMIT: the whole batch is rolled back and run again.
-  holder = VantDRTest::HoldSqliteLock(path, kReader, 2500);
-  EXPECT_TRUE(db.InsertRecords(Jobs(5, 3)));
-  EXPECT_EQ(VantDRTest::WaitChild(holder).exitCode, 0);
+  WhileHeld(kReader, 2500, [&] { EXPECT_TRUE(db.InsertRecords(Jobs(5, 3))); });
   EXPECT_EQ(Count(impatient), 7);
   EXPECT_EQ(
       log.Summary(),

@@ -273,22 +273,23 @@ bool SqliteDB::Batch::ExecBatch(SqliteDB& db, const std::vector<Item>& items) {
   }
 }
 
-bool SqliteDB::InsertRecords(const std::vector<InsertCommand>& commands) {
-  std::vector<Batch::Item> items;
+template <typename Command>
+bool SqliteDB::Batch::ExecBatch(SqliteDB& db, const std::vector<Command>& commands,
+                                std::string (*shape)(const Command&)) {
+  std::vector<Item> items;
   items.reserve(commands.size());
-  for (const InsertCommand& command : commands) {
-    items.push_back({&command, &command.GetFieldValues(), InsertShape(command)});
+  for (const Command& command : commands) {
+    items.push_back({&command, &command.GetFieldValues(), shape(command)});
   }
-  return Batch::ExecBatch(*this, items);
+  return ExecBatch(db, items);
+}
+
+bool SqliteDB::InsertRecords(const std::vector<InsertCommand>& commands) {
+  return Batch::ExecBatch(*this, commands, InsertShape);
 }
 
 bool SqliteDB::UpdateRecords(const std::vector<UpdateCommand>& commands) {
-  std::vector<Batch::Item> items;
-  items.reserve(commands.size());
-  for (const UpdateCommand& command : commands) {
-    items.push_back({&command, &command.GetFieldValues(), UpdateShape(command)});
-  }
-  return Batch::ExecBatch(*this, items);
+  return Batch::ExecBatch(*this, commands, UpdateShape);
 }
 
 // --- counts and row ids ------------------------------------------------------

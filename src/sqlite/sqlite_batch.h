@@ -21,6 +21,10 @@ class SqliteDB::Batch {
 
   // Runs `items` as one transaction under the object's retry policy.
   static bool ExecBatch(SqliteDB& db, const std::vector<Item>& items);
+  // The same for builders, each given the statement shape `shape` makes.
+  template <typename Command>
+  static bool ExecBatch(SqliteDB& db, const std::vector<Command>& commands,
+                        std::string (*shape)(const Command&));
 
   // Ends the open transaction, or with `nested` the batch's savepoint,
   // discarding its changes; leaves the error record as it was. When a
