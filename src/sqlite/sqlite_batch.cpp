@@ -4,7 +4,7 @@
 
 #include <climits>
 #include <cstring>
-#include <map>
+#include <exception>
 #include <set>
 #include <unordered_map>
 
@@ -193,7 +193,16 @@ bool SqliteDB::Batch::Attempt(SqliteDB& db, bool nested, const std::vector<Item>
   if (!db.DoExecSqliteCommand(nested ? kSavepoint : kBegin)) {
     return RawFailure(db, nested ? kSavepoint : kBegin, failed);
   }
-  if (Apply(db, nested, items, failed)) return true;
+  bool applied = false;
+  try {
+    applied = Apply(db, nested, items, failed);
+  } catch (const std::exception&) {
+    // Whatever failed to allocate, the transaction must not stay open on the
+    // connection for the caller's next statements to join.
+    db.SetErr(ERR::ERR_ALLOCATE_MEMORY);
+    failed = "out of memory";
+  }
+  if (applied) return true;
   Discard(db, nested);
   return false;
 }
