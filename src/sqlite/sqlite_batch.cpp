@@ -145,9 +145,13 @@ class Statements {
   std::unordered_map<std::string, sqlite3_stmt*> prepared_;
 };
 
-void Bind(sqlite3_stmt* stmt, const SqliteValueList& values) {
+// False when SQLite refuses a value (a text over its length limit): the
+// literal text then fails as it would alone.
+bool Bind(sqlite3_stmt* stmt, const SqliteValueList& values) {
   int index = 0;
+  int bound = SQLITE_OK;
   for (const auto& entry : values.GetValues()) {
+    if (bound != SQLITE_OK) break;
     const Json::Value& value = entry.second.GetJsonValue();
     ++index;
     // Tested in the order of ToFormatedValue, which the literal follows.
@@ -156,15 +160,16 @@ void Bind(sqlite3_stmt* stmt, const SqliteValueList& values) {
       const char* end = nullptr;
       value.getString(&begin, &end);
       // The value outlives the step: the command is held by the caller.
-      sqlite3_bind_text(stmt, index, begin, static_cast<int>(end - begin), SQLITE_STATIC);
+      bound = sqlite3_bind_text(stmt, index, begin, static_cast<int>(end - begin), SQLITE_STATIC);
     } else if (value.isBool()) {
-      sqlite3_bind_int(stmt, index, value.asBool() ? 1 : 0);
+      bound = sqlite3_bind_int(stmt, index, value.asBool() ? 1 : 0);
     } else if (value.isInt()) {
-      sqlite3_bind_int64(stmt, index, value.asInt64());
+      bound = sqlite3_bind_int64(stmt, index, value.asInt64());
     } else {
-      sqlite3_bind_int64(stmt, index, static_cast<sqlite3_int64>(value.asUInt64()));
+      bound = sqlite3_bind_int64(stmt, index, static_cast<sqlite3_int64>(value.asUInt64()));
     }
   }
+  return bound == SQLITE_OK;
 }
 
 // Converts the raw SQLite failure in `db`'s record and names what failed.
@@ -222,12 +227,15 @@ bool SqliteDB::Batch::Apply(SqliteDB& db, bool nested, const std::vector<Item>& 
   for (const Item& item : items) {
     sqlite3_stmt* stmt =
         item.shape.empty() ? nullptr : statements.Get(item.shape, item.values->Size());
+    if (stmt != nullptr && !Bind(stmt, *item.values)) {
+      sqlite3_clear_bindings(stmt);
+      stmt = nullptr;
+    }
     if (stmt == nullptr) {
       const std::string sql = item.command->GetCommand();
       if (!db.DoExecSqliteCommand(sql)) return RawFailure(db, sql, failed);
       continue;
     }
-    Bind(stmt, *item.values);
     const int stepped = sqlite3_step(stmt);
     if (stepped != SQLITE_DONE && stepped != SQLITE_ROW) db.SetDBErr(stepped, nullptr);
     sqlite3_reset(stmt);
