@@ -149,7 +149,7 @@ bool File::RemoveDir(const std::string& path) {
 
 template <typename K, typename V>
 bool File::parseLineKeyValue(const std::string& line, const std::string& separator, K& key,
-                             V& value) {
+                             V& value, CheckedType) {
   if (line.empty() || separator.empty()) {
     VLOG_WARN("Bad Parameter.");
     return false;
@@ -167,7 +167,7 @@ bool File::parseLineKeyValue(const std::string& line, const std::string& separat
 }
 
 template <typename K, typename V>
-int File::Read(const std::string& path, std::map<K, V>& map) {
+int File::Read(const std::string& path, std::map<K, V>& map, CheckedType) {
   std::ifstream in(path);
   if (path.empty()) {
     VLOG_ERR("Invalid path");
@@ -193,20 +193,21 @@ int File::Read(const std::string& path, std::map<K, V>& map) {
 }
 
 template VANTDR_API int File::Read<std::string, std::string>(const std::string&,
-                                                             std::map<std::string, std::string>&);
+                                                             std::map<std::string, std::string>&,
+                                                             CheckedType);
 template VANTDR_API int File::Read<std::string, int>(const std::string&,
-                                                     std::map<std::string, int>&);
+                                                     std::map<std::string, int>&, CheckedType);
 template VANTDR_API int File::Read<std::string, double>(const std::string&,
-                                                        std::map<std::string, double>&);
-template VANTDR_API bool File::parseLineKeyValue<std::string, std::string>(const std::string&,
-                                                                           const std::string&,
-                                                                           std::string&,
-                                                                           std::string&);
+                                                        std::map<std::string, double>&,
+                                                        CheckedType);
+template VANTDR_API bool File::parseLineKeyValue<std::string, std::string>(
+    const std::string&, const std::string&, std::string&, std::string&, CheckedType);
 template VANTDR_API bool File::parseLineKeyValue<std::string, int>(const std::string&,
                                                                    const std::string&, std::string&,
-                                                                   int&);
+                                                                   int&, CheckedType);
 template VANTDR_API bool File::parseLineKeyValue<std::string, double>(const std::string&,
                                                                       const std::string&,
-                                                                      std::string&, double&);
+                                                                      std::string&, double&,
+                                                                      CheckedType);
 
 }  // namespace VantDRCore

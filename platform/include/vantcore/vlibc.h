@@ -22,7 +22,7 @@ int VLIBCExec(const char* prog, const char* arg1, const char* arg2, const char* 
 /* 1 when `path` exists and is a directory (symbolic links followed), else 0. */
 int VLIBCFileCheckDir(const char* path);
 
-/* 1 when `path` exists (any type; a dangling symbolic link counts), else 0. */
+/* 1 when `path` exists (any type, links followed: a dangling link is 0), else 0. */
 int VLIBCFileExist(const char* path);
 
 /* Starts `prog` with the null-terminated argument list that follows `mode`
