@@ -100,7 +100,7 @@ class VANTDR_API File {
   }
 
  private:
-  /// @cond
+  // @cond
   template <typename K, typename V>
   static int Read(const std::string& path, std::map<K, V>& map, CheckedType);
   template <typename K, typename V>
@@ -112,7 +112,7 @@ class VANTDR_API File {
   template <typename U>
   struct Extractable<U, std::void_t<decltype(std::declval<std::istream&>() >> std::declval<U&>())>>
       : std::true_type {};
-  /// @endcond
+  // @endcond
 };
 
 }  // namespace VantDRCore

@@ -108,6 +108,11 @@ class VANTDR_API InsertCommand : public SqliteCommand {
   bool IsValid() const override;
   void DumpParam(std::stringstream& out) const override;
 
+  /// The field values set so far.
+  const SqliteValueList& GetFieldValues() const { return values_; }
+  /// Whether the statement is INSERT OR REPLACE.
+  bool IsReplacable() const { return replacable_; }
+
  private:
   // ToFormatedInsertValues() appended to `out`.
   void AppendInsertValues(std::string& out) const;
@@ -145,6 +150,11 @@ class VANTDR_API UpdateCommand : public SqliteCommand {
   /// required: without one the statement changes every row.
   bool IsValid() const override;
   void DumpParam(std::stringstream& out) const override;
+
+  /// The field values set so far.
+  const SqliteValueList& GetFieldValues() const { return values_; }
+  /// The condition text; "" when none is set.
+  const std::string& GetCondition() const { return condition_; }
 
  private:
   template <typename T>

@@ -162,4 +162,70 @@ class VANTDR_API SqliteIsNull : public SqliteCondition {
   bool SetValue(const std::string& field);
 };
 
+// Ordered comparisons and LIKE: field, operator, formatted value, as
+// SqliteEqual builds them ("a<5", "name LIKE 'x%'"); each SetValue replaces
+// the text and refuses an empty field or an invalid value.
+
+/// field<value
+class VANTDR_API SqliteLess : public SqliteCondition {
+ public:
+  /// An empty, invalid condition.
+  SqliteLess();
+  /// SetValue(field, value); check IsValid().
+  SqliteLess(const std::string& field, const SqliteValue& value);
+  /// Replaces the text; refuses (false, ERR line) an empty field or an
+  /// invalid value.
+  bool SetValue(const std::string& field, const SqliteValue& value);
+};
+
+/// field<=value
+class VANTDR_API SqliteLessEqual : public SqliteCondition {
+ public:
+  /// An empty, invalid condition.
+  SqliteLessEqual();
+  /// SetValue(field, value); check IsValid().
+  SqliteLessEqual(const std::string& field, const SqliteValue& value);
+  /// Replaces the text; refuses (false, ERR line) an empty field or an
+  /// invalid value.
+  bool SetValue(const std::string& field, const SqliteValue& value);
+};
+
+/// field>value
+class VANTDR_API SqliteGreater : public SqliteCondition {
+ public:
+  /// An empty, invalid condition.
+  SqliteGreater();
+  /// SetValue(field, value); check IsValid().
+  SqliteGreater(const std::string& field, const SqliteValue& value);
+  /// Replaces the text; refuses (false, ERR line) an empty field or an
+  /// invalid value.
+  bool SetValue(const std::string& field, const SqliteValue& value);
+};
+
+/// field>=value
+class VANTDR_API SqliteGreaterEqual : public SqliteCondition {
+ public:
+  /// An empty, invalid condition.
+  SqliteGreaterEqual();
+  /// SetValue(field, value); check IsValid().
+  SqliteGreaterEqual(const std::string& field, const SqliteValue& value);
+  /// Replaces the text; refuses (false, ERR line) an empty field or an
+  /// invalid value.
+  bool SetValue(const std::string& field, const SqliteValue& value);
+};
+
+/// field LIKE value. The pattern's % and _ are LIKE's own wildcards (the
+/// value is quoted, not escaped for LIKE); SQLite compares ASCII letters
+/// case-insensitively.
+class VANTDR_API SqliteLike : public SqliteCondition {
+ public:
+  /// An empty, invalid condition.
+  SqliteLike();
+  /// SetValue(field, value); check IsValid().
+  SqliteLike(const std::string& field, const SqliteValue& value);
+  /// Replaces the text; refuses (false, ERR line) an empty field or an
+  /// invalid value.
+  bool SetValue(const std::string& field, const SqliteValue& value);
+};
+
 }  // namespace VantDRCore

@@ -30,12 +30,14 @@ VANTDR_API bool IsVolPath(const std::string& path);
 namespace Container {
 
 /// @cond
-// The instances in the library, behind the checked entry points below.
+/// The instances in the library, behind the checked entry points below.
+///@{
 template <typename T>
 VANTDR_API Json::Value ToJsonArray(const std::vector<T>& items, CheckedType);
 template <typename T>
 VANTDR_API std::string ToString(const std::vector<T>& items, const std::string& separator,
                                 CheckedType);
+///@}
 /// @endcond
 
 /// A JSON array (empty, never null, for an empty vector) of the elements as
