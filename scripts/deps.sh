@@ -2,7 +2,8 @@
 # any is missing. Set VANTDR_EXTRA_PACKAGES for more.
 vantdr_install_deps() {
   local packages=(cmake g++ make pkg-config libsqlite3-dev libjsoncpp-dev libgtest-dev
-                  libgmock-dev libbenchmark-dev uuid-runtime ${VANTDR_EXTRA_PACKAGES:-})
+                  libgmock-dev libbenchmark-dev uuid-runtime dpkg-dev doxygen
+                  ${VANTDR_EXTRA_PACKAGES:-})
   local missing=()
   local p
   for p in "${packages[@]}"; do
@@ -14,7 +15,8 @@ vantdr_install_deps() {
   local sudo=""
   [ "$(id -u)" -ne 0 ] && sudo="sudo"
   # A mirror caught mid-sync fails one index; the rest still serve.
-  $sudo apt-get update -qq || echo "apt-get update reported errors; installing with what it has"
-  DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends \
+  $sudo apt-get -o DPkg::Lock::Timeout=600 update -qq ||
+    echo "apt-get update reported errors; installing with what it has"
+  DEBIAN_FRONTEND=noninteractive $sudo apt-get -o DPkg::Lock::Timeout=600 install -y -qq --no-install-recommends \
     "${missing[@]}"
 }

@@ -7,6 +7,7 @@
 #include <regex>
 
 #include "support/log_capture.h"
+#include "vantdr/sqlite_condition.h"
 
 using namespace VantDRCore;
 using VantDRTest::LogCapture;
@@ -29,6 +30,15 @@ TEST(SqliteValue, FormatsEachPayloadAsSqlLiteral) {
   target = SqliteValue(5);
   EXPECT_FALSE(target.IsValid());
   EXPECT_EQ("5", target.ToFormatedValue());
+  // So an IN list filled by assignment is refused; typed construction works.
+  std::vector<SqliteValue> assigned(2);
+  assigned[0] = SqliteValue(1);
+  assigned[1] = SqliteValue(2);
+  LogCapture log;
+  SqliteIn refused("id", assigned);
+  EXPECT_EQ("", refused.GetText());
+  EXPECT_EQ(std::vector<std::string>{"Invalid rvalue [1]"}, log.Messages("ERR"));
+  EXPECT_EQ("id IN ( 1,2 )", SqliteIn("id", {SqliteValue(1), SqliteValue(2)}).GetText());
 }
 
 TEST(SqliteValue, ApostropheDoublingMatchesRegexReplace) {

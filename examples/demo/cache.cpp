@@ -1,14 +1,19 @@
-// Shared cache: a slow measurement kept in a file, refreshed in the background.
+// Shared cache: a slow measurement kept in a file, refreshed in the background,
+// and eight processes reading it at once when it is stale.
 #include "vantdr/cache.h"
 
 #include <fcntl.h>
+#include <stdio.h>
+#include <string.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <ctime>
 #include <filesystem>
+#include <vector>
 
 #include "demo.h"
 #include "vantdr/json_text.h"
@@ -20,8 +25,11 @@ using Clock = std::chrono::steady_clock;
 // The free space of a directory, measured slowly (as a remote query would be).
 class FreeSpaceCache : public VantDRCore::Cache {
  public:
-  FreeSpaceCache(const std::string& cacheDir, const std::string& measuredDir)
-      : Cache(cacheDir, "free_space", 2, false, 1), measuredDir_(measuredDir) {}
+  FreeSpaceCache(const std::string& cacheDir, const std::string& measuredDir,
+                 const std::string& fetchLog)
+      : Cache(cacheDir, "free_space", 2, false, 1),
+        measuredDir_(measuredDir),
+        fetchLog_(fetchLog) {}
 
   Json::Value GetCacheInfo() const override {
     Json::Value info;
@@ -36,7 +44,12 @@ class FreeSpaceCache : public VantDRCore::Cache {
     data["measured_at"] = "never";
     return data;
   }
+  // Every fetch leaves its pid in the fetch log, whichever process runs it.
   bool GetUpdatedData(Json::Value& data) const override {
+    if (FILE* log = fopen(fetchLog_.c_str(), "a")) {
+      fprintf(log, "%d\n", static_cast<int>(getpid()));
+      fclose(log);
+    }
     usleep(800 * 1000);
     struct statvfs fs;
     if (statvfs(measuredDir_.c_str(), &fs) != 0) return false;
@@ -53,7 +66,18 @@ class FreeSpaceCache : public VantDRCore::Cache {
 
  private:
   std::string measuredDir_;
+  std::string fetchLog_;
 };
+
+std::vector<std::string> Lines(const std::string& path) {
+  std::vector<std::string> lines;
+  if (FILE* file = fopen(path.c_str(), "r")) {
+    char line[64];
+    while (fgets(line, sizeof line, file) != nullptr) lines.push_back(strtok(line, "\n"));
+    fclose(file);
+  }
+  return lines;
+}
 
 std::string Elapsed(Clock::time_point start) {
   auto us = std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - start).count();
@@ -67,37 +91,86 @@ void WaitForUpdater(const FreeSpaceCache& cache) {
   for (int i = 0; i < 500 && access(pidPath.c_str(), F_OK) == 0; ++i) usleep(10000);
 }
 
+// Makes the file look `seconds` old, as if it had been written back then.
+void Age(const std::string& path, int seconds) {
+  const time_t then = time(nullptr) - seconds;
+  const struct timespec times[2] = {{then, 0}, {then, 0}};
+  utimensat(AT_FDCWD, path.c_str(), times, 0);
+}
+
 void Run(const std::string& workDir) {
   using VantDRCore::JsonToString;
-  FreeSpaceCache cache(workDir + "/cache", workDir);
+  const std::string fetchLog = workDir + "/fetches";
+  FreeSpaceCache cache(workDir + "/cache", workDir, fetchLog);
   std::vector<std::vector<std::string>> rows;
-  auto read = [&](const std::string& when) {
+  auto readNow = [&](const std::string& when) {
     auto start = Clock::now();
     Json::Value data = cache.Read();
     rows.push_back({when, JsonToString(data), Elapsed(start)});
   };
 
-  Demo::Step("A cache of the free space of " + workDir + " (0.8 s to measure, stale after 2 s)");
+  Demo::Step("Free space of the work directory: 0.8 s to measure, stale after 2 s");
   Demo::Show("cache file", cache.GetCachePath());
-  read("1st read, no file yet");
+  readNow("1st read, no file yet");
   WaitForUpdater(cache);
-  read("after the background refresh");
-  read("again: served from memory");
-
-  // Age the file instead of waiting for it to go stale.
-  struct timespec old[2] = {{time(nullptr) - 10, 0}, {time(nullptr) - 10, 0}};
-  utimensat(AT_FDCWD, cache.GetCachePath().c_str(), old, 0);
-  read("file 10 s old: stale");
-  WaitForUpdater(cache);
-  read("after the second refresh");
+  readNow("after the background refresh");
+  readNow("again: served from memory");
   Demo::Table({"read", "data returned", "took"}, rows);
+  Demo::Note("the first reader gets GetDefaultValue() at once; a child fetches meanwhile");
 
-  Demo::Step("The document every process shares");
+  Demo::Step("The file made stale: its modification time set 10 s back (utimensat)");
+  Age(cache.GetCachePath(), 10);
+  remove(fetchLog.c_str());
+  fflush(stdout);
+  // Eight readers released together through one pipe; each reports a line.
+  int go[2], report[2];
+  if (pipe(go) != 0 || pipe(report) != 0) return;
+  std::vector<pid_t> readers;
+  for (int i = 0; i < 8; ++i) {
+    const pid_t pid = fork();
+    if (pid == 0) {
+      char byte;
+      close(go[1]);
+      if (read(go[0], &byte, 1) != 1) _exit(1);
+      const auto start = Clock::now();
+      const Json::Value data = cache.Read();
+      char line[256];
+      const int n = snprintf(line, sizeof line, "%d|%s|%s\n", static_cast<int>(getpid()),
+                             Elapsed(start).c_str(), JsonToString(data).c_str());
+      _exit(write(report[1], line, n) == n ? 0 : 1);
+    }
+    if (pid > 0) readers.push_back(pid);
+  }
+  close(go[0]);
+  close(report[1]);
+  const std::string all(readers.size(), 'x');
+  if (write(go[1], all.data(), all.size()) < 0) return;
+  close(go[1]);
+  for (pid_t pid : readers) waitpid(pid, nullptr, 0);
+  rows.clear();
+  if (FILE* reports = fdopen(report[0], "r")) {
+    char pid[16], took[16], data[200];
+    while (fscanf(reports, "%15[^|]|%15[^|]|%199[^\n]\n", pid, took, data) == 3) {
+      rows.push_back({std::string("reader ") + pid, data, took});
+    }
+    fclose(reports);
+  }
+  Demo::Table({"process", "data returned", "took"}, rows);
+  WaitForUpdater(cache);
+  const std::vector<std::string> fetchers = Lines(fetchLog);
+  Demo::Show("fetches",
+             std::to_string(fetchers.size()) + (fetchers.empty() ? "" : ", by pid " + fetchers[0]));
+  Demo::Show("then Read()", JsonToString(cache.Read()));
+  Demo::Note(
+      "all 8 got the old data at once; one detached updater fetched, the rest saw its pid file");
+
   Json::Value doc;
   VantDRCore::JsonFromFile(doc, cache.GetCachePath());
-  for (const char* key : {"cached_data", "info", "timeout", "updated_time", "max_updated_time"}) {
-    Demo::Show(key, JsonToString(doc.isObject() ? doc.get(key, Json::Value()) : Json::Value()));
-  }
+  std::string members;
+  for (const std::string& name : doc.getMemberNames())
+    members += (members.empty() ? "" : " ") + name;
+  Demo::Show("members of the file", members);
+  Demo::Note("rewritten whole on each refresh; only cached_data and max_updated_time are read");
 
   cache.Remove();
   std::error_code ignored;

@@ -12,6 +12,8 @@ bool RegisterSection(int order, const char* title, void (*run)(const std::string
 
 // A heading line for a step inside a section.
 void Step(const std::string& text);
+// A short explanation of something the reader might find odd.
+void Note(const std::string& text);
 // "  label ........ value"
 void Show(const std::string& label, const std::string& value);
 // An aligned table with a header row and a rule under it.

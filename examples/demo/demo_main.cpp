@@ -5,9 +5,11 @@
 #include <stdlib.h>
 
 #include <algorithm>
+#include <cstring>
 
 #include "demo.h"
 #include "vantdr/log.h"
+#include "vantdr/version.h"
 
 namespace Demo {
 namespace {
@@ -36,7 +38,15 @@ bool RegisterSection(int order, const char* title, void (*run)(const std::string
   return true;
 }
 
-void Step(const std::string& text) { printf("\n  - %s\n", text.c_str()); }
+// The first step of a section follows its heading without a blank line.
+bool firstStep = true;
+
+void Step(const std::string& text) {
+  printf("%s  - %s\n", firstStep ? "" : "\n", text.c_str());
+  firstStep = false;
+}
+
+void Note(const std::string& text) { printf("    note: %s\n", text.c_str()); }
 
 void Show(const std::string& label, const std::string& value) {
   std::string dots(label.size() < 28 ? 28 - label.size() : 1, '.');
@@ -69,7 +79,8 @@ void Table(const std::vector<std::string>& header,
 
 }  // namespace Demo
 
-int main() {
+int main(int argc, char** argv) {
+  const bool verbose = argc > 1 && strcmp(argv[1], "--verbose") == 0;
   char pattern[] = "/tmp/vantdr_demo.XXXXXX";
   if (mkdtemp(pattern) == nullptr) {
     perror("mkdtemp");
@@ -77,14 +88,18 @@ int main() {
   }
   const std::string workDir = pattern;
   VantDRCore::SetLogSink(Demo::PrintLogLine);
-  setlogmask(LOG_UPTO(LOG_INFO));  // DEBUG lines are noise for a reader
+  // INFO lines (one per SQL statement) drown the story; DEBUG lines always.
+  setlogmask(LOG_UPTO(verbose ? LOG_INFO : LOG_NOTICE));
 
   auto sections = Demo::Sections();
   std::sort(sections.begin(), sections.end(),
             [](const Demo::Section& a, const Demo::Section& b) { return a.order < b.order; });
-  printf("VantDR Core demo (working in %s)\n", workDir.c_str());
+  printf("VantDR Core %s demo, working in %s\n", VantDRCore::GetLibraryVersion(), workDir.c_str());
+  printf("Lines marked \"log>\" are the library's own log lines (%s).\n",
+         verbose ? "INFO and above" : "NOTICE and above; --verbose adds INFO");
   for (const auto& section : sections) {
     printf("\n== %s ==\n", section.title);
+    Demo::firstStep = true;
     section.run(workDir);
   }
   nftw(workDir.c_str(), Demo::RemoveEntry, 16, FTW_DEPTH | FTW_PHYS);

@@ -1,4 +1,8 @@
-// SQLite records: a jobs table created on demand, filled, updated, queried.
+// SQLite records: a jobs table created on demand, filled, updated, queried,
+// and a write that fails because another process holds the database.
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include "demo.h"
 #include "vantdr/json_text.h"
 #include "vantdr/sqlite_db.h"
@@ -43,6 +47,7 @@ void Run(const std::string& workDir) {
   update.AddFieldValue("state", std::string("done"));
   update.SetCondition(SqliteIn("id", std::vector<SqliteValue>{SqliteValue(2), SqliteValue(4)}));
   Demo::Show("UpdateRecord", db.UpdateRecord(update) ? "true" : "false");
+  Demo::Show("statement", update.GetCommand());
 
   Demo::Step("Jobs not done, highest priority first, at most 2");
   SelectCommand select;
@@ -54,6 +59,7 @@ void Run(const std::string& workDir) {
   std::vector<SqliteValueList> rows;
   Demo::Show("SelectRecords", db.SelectRecords(select, rows) ? "true" : "false");
   Demo::Show("statement", select.GetCommand());
+  Demo::Note("\"SELECT  *\" has two spaces: the builder's text, kept byte for byte");
   std::vector<std::vector<std::string>> table;
   for (const SqliteValueList& row : rows) {
     table.push_back(
@@ -61,27 +67,39 @@ void Run(const std::string& workDir) {
   }
   Demo::Table({"id", "name", "state", "priority"}, table);
 
-  Demo::Step("All jobs, in id order");
-  SelectCommand all;
-  all.SetTable(jobs);
-  all.AddField("id");
-  all.AddField("name");
-  all.AddField("state");
-  all.AddOrderField("id");
-  all.SetOrderByASC();
-  rows.clear();
-  db.SelectRecords(all, rows);
-  table.clear();
-  for (const SqliteValueList& row : rows) {
-    table.push_back({Cell(row, "id"), Cell(row, "name"), Cell(row, "state")});
+  Demo::Step("Another process holds the database; this one may not retry (limit 0)");
+  int ready[2], release[2];
+  if (pipe(ready) != 0 || pipe(release) != 0) return;
+  fflush(stdout);
+  const pid_t holder = fork();
+  if (holder == 0) {
+    SqliteDB other(workDir + "/jobs.db", 0, "[holder]");
+    char byte = other.Exec("BEGIN IMMEDIATE") ? 1 : 0;
+    if (write(ready[1], &byte, 1) != 1 || read(release[0], &byte, 1) != 1) _exit(1);
+    other.Exec("COMMIT");
+    other.Close();
+    _exit(0);
   }
-  Demo::Table({"id", "name", "state"}, table);
+  char held = 0;
+  if (holder < 0 || read(ready[0], &held, 1) != 1 || held != 1) return;
+  Demo::Show("holder",
+             "pid " + std::to_string(holder) + ", BEGIN IMMEDIATE: a write not yet committed");
+  InsertCommand late;
+  late.SetTable(jobs);
+  late.AddFieldValue("id", 6);
+  late.AddFieldValue("name", std::string("late-job"));
+  SqliteDB impatient(workDir + "/jobs.db", 0, "[demo]");
+  Demo::Show("InsertRecord", impatient.InsertRecord(late) ? "true" : "false (after 1 s busy)");
+  Demo::Show("GetErr()", JsonToString(impatient.GetErr()));
+  if (write(release[1], &held, 1) != 1) return;
+  waitpid(holder, nullptr, 0);
+  Demo::Note(
+      "405 is ERR_DATABASE_LOCK; \"[1]\" counts the try past the limit 0 (limit n: n+1 tries)");
 
-  Demo::Step("Failures leave their reason in GetErr()");
-  Demo::Show("Exec(\"SELEC 1\")", db.Exec("SELEC 1") ? "true" : "false");
-  Demo::Show("GetErr()", JsonToString(db.GetErr()));
+  Demo::Step("Refused before any SQL is sent");
   Demo::Show("DeleteRecord(\"\", job)", db.DeleteRecord("", jobs) ? "true" : "false");
   Demo::Show("GetErr()", JsonToString(db.GetErr()));
+  Demo::Note("an empty condition never means \"every row\" (DeleteAllRecords does)");
 }
 
 }  // namespace

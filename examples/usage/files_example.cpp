@@ -1,6 +1,4 @@
 // Durable JSON files, key=value files and a lock shared by processes.
-#include <sys/file.h>
-
 #include <cstdio>
 #include <map>
 #include <string>

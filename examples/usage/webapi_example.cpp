@@ -8,10 +8,9 @@
 
 int main() {
   using namespace VantDRCore;
-  Request request("SYNO.DR.Plan", 1, "list", Json::Value(Json::objectValue));
+  Request request("VantDR.Plan", 1, "list", Json::Value(Json::objectValue));
   request.addParam("limit", 20);
-  std::printf("%s -> %s\n", request.toStr().c_str(),
-              JsonToString(request.toJson()).c_str());
+  std::printf("%s -> %s\n", request.toStr().c_str(), JsonToString(request.toJson()).c_str());
 
   Response answer(std::string(R"({"success":false,"error":{"code":105}})"));
   if (!answer.isSuccess()) std::printf("failed with code %d\n", answer.getErrCode());

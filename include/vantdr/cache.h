@@ -1,15 +1,16 @@
-// A JSON value that is expensive to produce, kept in a file that every
-// process on the machine shares, and refreshed by one process at a time.
-//
-// A concrete cache says how to fetch fresh data, how to judge it and how to
-// describe itself; the base keeps the file, judges staleness from the
-// file's modification time, serves readers from memory while the file is
-// unchanged, and coordinates refreshes through a pid file ("<path>.pid")
-// and a lock file ("<path>.lock" in the lock directory).
-//
-// The cache file holds one object: "timeout", "info", "cached_data",
-// "begin_time_to_update", "finish_time_to_update", "updated_time" and
-// "max_updated_time". Only "cached_data" and "max_updated_time" are read.
+/// @file
+/// A JSON value that is expensive to produce, kept in a file that every
+/// process on the machine shares, and refreshed by one process at a time.
+///
+/// A concrete cache says how to fetch fresh data, how to judge it and how to
+/// describe itself; the base keeps the file, judges staleness from the
+/// file's modification time, serves readers from memory while the file is
+/// unchanged, and coordinates refreshes through a pid file ("<path>.pid")
+/// and a lock file ("<path>.lock" in the lock directory).
+///
+/// The cache file holds one object: "timeout", "info", "cached_data",
+/// "begin_time_to_update", "finish_time_to_update", "updated_time" and
+/// "max_updated_time". Only "cached_data" and "max_updated_time" are read.
 #pragma once
 
 #include <json/value.h>
@@ -21,70 +22,77 @@
 
 namespace VantDRCore {
 
+/// The base of every cache: derive, implement GetCacheInfo(),
+/// GetUpdatedData() and IsValidData(), and call Read().
 class VANTDR_API Cache {
  public:
-  // The file is `dir` + "/" + `file` + ".cached"; `dir` is created (0755)
-  // when missing. An empty argument or an uncreatable directory falls back
-  // to "/tmp/default_dr_cache", which every such object then shares.
-  // `timeout`: age in seconds after which the data is stale.
-  // `requireUpdatedData`: stale reads refresh in place, or wait for the
-  // running updater, instead of serving old data.
-  // `retryLimit`: a limit L allows L + 2 fetches and L + 2 writes.
+  /// The file is `dir` + "/" + `file` + ".cached"; `dir` is created (0755)
+  /// when missing. An empty argument or an uncreatable directory falls back
+  /// to "/tmp/default_dr_cache", which every such object then shares.
+  /// `timeout`: age in seconds after which the data is stale.
+  /// `requireUpdatedData`: stale reads refresh in place, or wait for the
+  /// running updater, instead of serving old data.
+  /// `retryLimit`: a limit L allows L + 2 fetches and L + 2 writes.
   Cache(const std::string& dir, const std::string& file, long timeout, bool requireUpdatedData,
         int retryLimit);
+  /// Destroys the object; the file and its companions stay.
   virtual ~Cache();
 
-  // Describes this cache: stored under "info" and printed in log lines.
+  /// Describes this cache: stored under "info" and printed in log lines.
   virtual Json::Value GetCacheInfo() const = 0;
-  // Served when nothing can be loaded; null here.
+  /// Served when nothing can be loaded; null here.
   virtual Json::Value GetDefaultValue() const;
-  // Produces fresh data; false when it could not.
+  /// Produces fresh data; false when it could not.
   virtual bool GetUpdatedData(Json::Value& data) const = 0;
-  // Whether `data` may be stored, and served without a refresh.
+  /// Whether `data` may be stored, and served without a refresh.
   virtual bool IsValidData(const Json::Value& data) const = 0;
-  // Whether fresh, valid data must be refreshed anyway; false here.
+  /// Whether fresh, valid data must be refreshed anyway; false here.
   virtual bool IsNeedUpdate(const Json::Value& data) const;
-  // Whether a reader must wait for fresh data: true when constructed so, or
-  // when the cached data is not valid.
+  /// Whether a reader must wait for fresh data: true when constructed so, or
+  /// when GetCachedData() is not valid. That is the default value while no
+  /// file exists: with a default that IsValidData() accepts, the first
+  /// readers get it at once; with one it refuses (null, say), they wait.
   virtual bool IsUpdatedDataRequired() const;
 
-  // The data, refreshed first when stale, invalid or IsNeedUpdate says so.
-  // Never fails: at worst the old data, or GetDefaultValue() when there
-  // never was any. A fresh, unchanged file costs one stat and one copy.
+  /// The data, refreshed first when stale, invalid or IsNeedUpdate says so.
+  /// Never fails: at worst the old data, or GetDefaultValue() when there
+  /// never was any. A fresh, unchanged file costs one stat and one copy.
   Json::Value Read() const;
-  // The stored data without any freshness decision: the in-memory copy
-  // while the file's modification time is unchanged, else the file's
-  // "cached_data", else GetDefaultValue().
+  /// The stored data without any freshness decision: the in-memory copy
+  /// while the file's modification time is unchanged, else the file's
+  /// "cached_data", else GetDefaultValue().
   Json::Value GetCachedData() const;
-  // Rereads the file into memory. False (memory unchanged) when the file is
-  // missing or does not parse.
+  /// Rereads the file into memory. False (memory unchanged) when the file is
+  /// missing or does not parse.
   bool Load() const;
 
-  // True when the file is older than `timeout` seconds (an age equal to it
-  // is fresh), missing, or the clock fails.
+  /// True when the file is older than `timeout` seconds (an age equal to it
+  /// is fresh), missing, or the clock fails.
   bool IsTimeout() const;
-  // The file's "max_updated_time"; 0 when it cannot be read.
+  /// The file's "max_updated_time"; 0 when it cannot be read.
   int GetMaxUpdateTime() const;
 
-  // Writes `data` with its fetch times (0 for both when either is not
-  // positive), retrying failed writes. Invalid data is never written.
+  /// Writes `data` with its fetch times (0 for both when either is not
+  /// positive), retrying failed writes. Invalid data is never written.
   bool UpdateWithData(const Json::Value& data, long begin, long finish) const;
+  /// UpdateWithData(data, 0, 0): stored without fetch times.
   bool UpdateWithData(const Json::Value& data) const;
 
-  // Starts a refresh unless another live process is refreshing. Not
-  // required: the fetch runs in a detached child and this returns at once.
-  // Required: fetches here, or waits until the running updater has gone or
-  // the file is fresh. False when the refresh could not be started or
-  // failed in this process.
+  /// Starts a refresh unless another live process is refreshing. Not
+  /// required: the fetch runs in a detached child and this returns at once.
+  /// Required: fetches here, or waits until the running updater has gone or
+  /// the file is fresh. That wait has no time limit: an updater stuck in
+  /// GetUpdatedData() holds its readers as long. False when the refresh
+  /// could not be started or failed in this process.
   bool Update() const;
-  // Fetches with retries and stores the result, in this process.
+  /// Fetches with retries and stores the result, in this process.
   bool DoUpdate() const;
 
-  // unlink() of the cache file, result unchanged (0 or -1). The pid and
-  // lock files stay.
+  /// unlink() of the cache file, result unchanged (0 or -1). The pid and
+  /// lock files stay.
   int Remove();
 
-  // The cache file's path.
+  /// The cache file's path.
   const std::string& GetCachePath() const { return cachePath_; }
 
  private:

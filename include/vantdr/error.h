@@ -1,4 +1,5 @@
-// The library's named error codes and the error record.
+/// @file
+/// The library's named error codes and the error record.
 #pragma once
 
 #include <json/value.h>
@@ -9,10 +10,11 @@
 
 namespace VantDRCore {
 
+/// The library's named error codes and their names.
 namespace ERR {
 
-// 401-407 name the library's own failures; 500-599 are handed to clients by
-// name only. 400 and 673 bound the range.
+/// The named error codes. 401-407 name the library's own failures; 500-599 are handed to clients by
+/// name only. 400 and 673 bound the range.
 enum Code : int {
   ERR_DR_MIN = 400,
   BAD_PARAMETER = 401,
@@ -55,30 +57,33 @@ enum Code : int {
   ERR_DR_MAX = 673,
 };
 
-// The name of `code` ("ERR_DATABASE_LOCK" for 405); "<UNKNOWN ERR CODE>" for
-// any integer that has no name. Never logs.
+/// The name of `code` ("ERR_DATABASE_LOCK" for 405); "<UNKNOWN ERR CODE>" for
+/// any integer that has no name. Never logs.
 VANTDR_API std::string ToString(int code);
 
 }  // namespace ERR
 
-// The last error of an object: a code (0 for none) and a JSON message (null
-// for none). Readers are const; so is recording, because objects whose
-// operations are const (database reads) still record their outcome.
+/// The last error of an object: a code (0 for none) and a JSON message (null
+/// for none). Readers are const; so is recording, because objects whose
+/// operations are const (database reads) still record their outcome.
 class VANTDR_API ErrRecorder {
  public:
+  /// No error: code 0, null message.
   ErrRecorder() = default;
 
-  // {"err_code": code, "err_code_str": ... (when GetErrCodeStr is not empty),
-  //  "err_msg": ... (when the message is not null)}.
+  /// {"err_code": code, "err_code_str": ... (when GetErrCodeStr is not empty),
+  ///  "err_msg": ... (when the message is not null)}.
   virtual Json::Value GetErr() const;
 
-  // The name recorded under "err_code_str"; the base gives "" for every code.
+  /// The name recorded under "err_code_str"; the base gives "" for every code.
   virtual std::string GetErrCodeStr(int code) const;
 
+  /// The recorded code; 0 when no error is recorded.
   int GetErrCode() const { return errCode_; }
+  /// The recorded message; null when there is none.
   const Json::Value& GetErrMsg() const { return errMsg_; }
 
-  // Records `code` with `message` (null clears the message).
+  /// Records `code` with `message` (null clears the message).
   void SetErr(int code, const Json::Value& message = Json::Value()) const;
 
  private:

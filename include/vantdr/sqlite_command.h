@@ -1,14 +1,15 @@
-// SQL statement builders: one table, one statement.
-//
-// GetCommand() returns the whole statement or, when the builder is not
-// complete (IsValid() false), "" with one ERR line per call; it never
-// returns partial SQL. A refused setter returns false and leaves the
-// builder as it was.
-//
-// Table names, field names and condition texts are inserted verbatim (no
-// quoting): never pass untrusted text as any of them. Values are always
-// escaped through SqliteValue::ToFormatedValue. Columns of INSERT and UPDATE
-// follow the record's order (ascending field name), not the order of adding.
+/// @file
+/// SQL statement builders: one table, one statement.
+///
+/// GetCommand() returns the whole statement or, when the builder is not
+/// complete (IsValid() false), "" with one ERR line per call; it never
+/// returns partial SQL. A refused setter returns false and leaves the
+/// builder as it was.
+///
+/// Table names, field names and condition texts are inserted verbatim (no
+/// quoting): never pass untrusted text as any of them. Values are always
+/// escaped through SqliteValue::ToFormatedValue. Columns of INSERT and UPDATE
+/// follow the record's order (ascending field name), not the order of adding.
 #pragma once
 
 #include <iosfwd>
@@ -22,18 +23,25 @@
 
 namespace VantDRCore {
 
-// A table name plus the column definitions used by CREATE TABLE (for
-// example "id INTEGER PRIMARY KEY, name TEXT"). No checks: an empty name is
-// what callers test for.
+/// A table name plus the column definitions used by CREATE TABLE (for
+/// example "id INTEGER PRIMARY KEY, name TEXT"). No checks: an empty name is
+/// what callers test for.
 class VANTDR_API SqliteTableHandler {
  public:
+  /// Empty name and column definitions.
   SqliteTableHandler();
+  /// Stores both texts as given.
   SqliteTableHandler(const std::string& name, const std::string& columnDefinitions);
+  /// A copy of both texts.
   SqliteTableHandler(const SqliteTableHandler& other) = default;
+  /// Replaces both texts with `other`'s.
   SqliteTableHandler& operator=(const SqliteTableHandler& other) = default;
+  /// Destroys the handler; derived handlers are deleted through this base.
   virtual ~SqliteTableHandler();
 
+  /// The table name, inserted verbatim into statements.
   const std::string& GetName() const { return name_; }
+  /// The column definitions for CREATE TABLE; "" means no table is needed.
   const std::string& GetColumnDefinitions() const { return columnDefinitions_; }
 
  private:
@@ -41,42 +49,48 @@ class VANTDR_API SqliteTableHandler {
   std::string columnDefinitions_;
 };
 
+/// The base of the four statement builders: a table plus the builder's own
+/// parts, turned into one statement by GetCommand().
 class VANTDR_API SqliteCommand {
  public:
+  /// No table yet: not valid.
   SqliteCommand();
+  /// Destroys the builder; builders are deleted through this base too.
   virtual ~SqliteCommand();
 
-  // The complete statement, or "" (with an ERR line) when not valid.
+  /// The complete statement, or "" (with an ERR line) when not valid.
   virtual std::string GetCommand() const = 0;
-  // Requires a table name plus the builder's own parts.
+  /// Requires a table name plus the builder's own parts.
   virtual bool IsValid() const = 0;
-  // Appends the builder's parameters, for logs.
+  /// Appends the builder's parameters, for logs.
   virtual void DumpParam(std::stringstream& out) const = 0;
 
-  // Copies the whole handler; refuses (ERR line) an empty name and keeps
-  // the current table.
+  /// Copies the whole handler; refuses (ERR line) an empty name and keeps
+  /// the current table.
   bool SetTable(const SqliteTableHandler& table);
+  /// The table set last; an empty handler until then.
   const SqliteTableHandler& GetTable() const { return table_; }
 
-  // "<table>]" followed by DumpParam, e.g. "job]condition:[]/fields:[all]".
+  /// "<table>]" followed by DumpParam, e.g. "job]condition:[]/fields:[all]".
   std::string ToStr() const;
 
  private:
   SqliteTableHandler table_;
 };
 
-// INSERT [OR REPLACE] INTO t (a,b) VALUES (1,'x');
+/// INSERT [OR REPLACE] INTO t (a,b) VALUES (1,'x');
 class VANTDR_API InsertCommand : public SqliteCommand {
  public:
+  /// No table, no values, plain INSERT.
   InsertCommand();
-  ~InsertCommand() override;
+  ~InsertCommand() override;  ///< Destroys the builder.
 
-  // Replaces all field values.
+  /// Replaces all field values.
   void SetFieldValues(const SqliteValueList& values);
-  // true: INSERT OR REPLACE.
+  /// true: INSERT OR REPLACE.
   void SetReplacable(bool replacable);
-  // Adds or overwrites one field. T: std::string, bool, int, unsigned int,
-  // long. Refuses (ERR line) an empty field name.
+  /// Adds or overwrites one field. T: std::string, bool, int, unsigned int,
+  /// long. Refuses (ERR line) an empty field name.
   template <typename T>
   bool AddFieldValue(const std::string& field, const T& value) {
     static_assert(IsOneOf<T, std::string, bool, int, unsigned int, long>,
@@ -85,16 +99,18 @@ class VANTDR_API InsertCommand : public SqliteCommand {
     return AddFieldValue(field, value, CheckedType());
   }
 
-  // "(a,b) VALUES (1,'x')". A value that formats to "" (a 64-bit integer
-  // outside the 32-bit ranges) leaves a gap: "(a,big) VALUES (3,)".
+  /// "(a,b) VALUES (1,'x')". A value that formats to "" (a 64-bit integer
+  /// outside the 32-bit ranges) leaves a gap: "(a,big) VALUES (3,)".
   std::string ToFormatedInsertValues() const;
 
-  // Valid with a table and at least one field value.
   std::string GetCommand() const override;
+  /// Valid with a table and at least one field value.
   bool IsValid() const override;
   void DumpParam(std::stringstream& out) const override;
 
+  /// The field values set so far.
   const SqliteValueList& GetFieldValues() const { return values_; }
+  /// Whether the statement is INSERT OR REPLACE.
   bool IsReplacable() const { return replacable_; }
 
  private:
@@ -107,18 +123,20 @@ class VANTDR_API InsertCommand : public SqliteCommand {
   SqliteValueList values_;
 };
 
-// UPDATE t SET a=1,b='x' WHERE cond   (no terminating ";")
+/// UPDATE t SET a=1,b='x' WHERE cond   (no terminating ";")
 class VANTDR_API UpdateCommand : public SqliteCommand {
  public:
+  /// No table, no values, no condition.
   UpdateCommand();
-  ~UpdateCommand() override;
+  ~UpdateCommand() override;  ///< Destroys the builder.
 
+  /// Replaces all field values.
   void SetFieldValues(const SqliteValueList& values);
-  // An empty text is refused silently.
+  /// An empty text is refused silently.
   bool SetCondition(const std::string& condition);
-  // Refuses (ERR "Invalid condition") a condition that is not valid.
+  /// Refuses (ERR "Invalid condition") a condition that is not valid.
   bool SetCondition(const SqliteCondition& condition);
-  // As InsertCommand::AddFieldValue.
+  /// As InsertCommand::AddFieldValue.
   template <typename T>
   bool AddFieldValue(const std::string& field, const T& value) {
     static_assert(IsOneOf<T, std::string, bool, int, unsigned int, long>,
@@ -127,13 +145,15 @@ class VANTDR_API UpdateCommand : public SqliteCommand {
     return AddFieldValue(field, value, CheckedType());
   }
 
-  // Valid with a table and at least one field value. The condition is NOT
-  // required: without one the statement changes every row.
   std::string GetCommand() const override;
+  /// Valid with a table and at least one field value. The condition is NOT
+  /// required: without one the statement changes every row.
   bool IsValid() const override;
   void DumpParam(std::stringstream& out) const override;
 
+  /// The field values set so far.
   const SqliteValueList& GetFieldValues() const { return values_; }
+  /// The condition text; "" when none is set.
   const std::string& GetCondition() const { return condition_; }
 
  private:
@@ -144,34 +164,36 @@ class VANTDR_API UpdateCommand : public SqliteCommand {
   SqliteValueList values_;
 };
 
-// SELECT a,b FROM t WHERE cond ORDER BY a DESC LIMIT offset, limit
-// (all fields: "SELECT  * FROM t", two spaces; no terminating ";")
+/// SELECT a,b FROM t WHERE cond ORDER BY a DESC LIMIT offset, limit
+/// (all fields: "SELECT  * FROM t", two spaces; no terminating ";")
 class VANTDR_API SelectCommand : public SqliteCommand {
  public:
+  /// No table, no fields, DESC order, no limit.
   SelectCommand();
-  ~SelectCommand() override;
+  ~SelectCommand() override;  ///< Destroys the builder.
 
-  // Selects every field, dropping fields added before.
+  /// Selects every field, dropping fields added before.
   void SelectAll();
-  // Appends a field (duplicates kept) and cancels SelectAll. Refuses "".
+  /// Appends a field (duplicates kept) and cancels SelectAll. Refuses "".
   bool AddField(const std::string& field);
-  // Appends an ordering field. Refuses "". Without any, no ORDER BY.
+  /// Appends an ordering field. Refuses "". Without any, no ORDER BY.
   bool AddOrderField(const std::string& field);
-  // The ordering direction; DESC by default.
+  /// Orders ascending (the default is DESC).
   void SetOrderByASC();
+  /// Orders descending, the default.
   void SetOrderByDESC();
-  // Row count, keeping the offset. Refuses a limit below 1.
+  /// Row count, keeping the offset. Refuses a limit below 1.
   bool SetLimit(int limit);
-  // Offset FIRST, then row count. Refuses a negative offset or a limit
-  // below 1.
+  /// Offset FIRST, then row count. Refuses a negative offset or a limit
+  /// below 1.
   bool SetLimit(int offset, int limit);
-  // Refuses an empty text with the ERR line "Empty condition".
+  /// Refuses an empty text with the ERR line "Empty condition".
   bool SetCondition(const std::string& condition);
-  // Refuses (ERR "Invalid condition") a condition that is not valid.
+  /// Refuses (ERR "Invalid condition") a condition that is not valid.
   bool SetCondition(const SqliteCondition& condition);
 
-  // Valid with a table and either SelectAll or at least one field.
   std::string GetCommand() const override;
+  /// Valid with a table and either SelectAll or at least one field.
   bool IsValid() const override;
   void DumpParam(std::stringstream& out) const override;
 
@@ -185,24 +207,25 @@ class VANTDR_API SelectCommand : public SqliteCommand {
   std::string condition_;
 };
 
-// DELETE FROM t WHERE cond;   or, after DeleteAll(), DELETE FROM t;
+/// DELETE FROM t WHERE cond;   or, after DeleteAll(), DELETE FROM t;
 class VANTDR_API DeleteCommand : public SqliteCommand {
  public:
+  /// No table, no condition, DeleteAll not called: not valid.
   DeleteCommand();
-  ~DeleteCommand() override;
+  ~DeleteCommand() override;  ///< Destroys the builder.
 
-  // Allows a statement without condition. A condition set earlier stays
-  // and still restricts the statement.
+  /// Allows a statement without condition. A condition set earlier stays
+  /// and still restricts the statement.
   void DeleteAll();
-  // Stores the condition and cancels DeleteAll. An empty text is refused
-  // silently.
+  /// Stores the condition and cancels DeleteAll. An empty text is refused
+  /// silently.
   bool SetCondition(const std::string& condition);
-  // Refuses (ERR "Invalid condition") a condition that is not valid.
+  /// Refuses (ERR "Invalid condition") a condition that is not valid.
   bool SetCondition(const SqliteCondition& condition);
 
-  // Valid with a table and a condition or DeleteAll: never an unrestricted
-  // DELETE by accident.
   std::string GetCommand() const override;
+  /// Valid with a table and a condition or DeleteAll: never an unrestricted
+  /// DELETE by accident.
   bool IsValid() const override;
   void DumpParam(std::stringstream& out) const override;
 

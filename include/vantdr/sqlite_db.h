@@ -1,6 +1,7 @@
-// One SQLite database file: a lazily opened connection, statements run with
-// a bounded retry on lock contention, rows returned as records, and the
-// table and record operations that run the statement builders.
+/// @file
+/// One SQLite database file: a lazily opened connection, statements run with
+/// a bounded retry on lock contention, rows returned as records, and the
+/// table and record operations that run the statement builders.
 #pragma once
 
 #include <cstdint>
@@ -21,100 +22,107 @@ namespace VantDRCore {
 
 class SqliteTransaction;
 
-// Every operation reports through its bool result and the error record
-// (GetErr()): 0 after success; 401 bad parameter; 403 no connection; 404 a
-// database failure; 405 the database stayed busy or locked. SQLite failures
-// carry {"sqlite_errcode": code, "sqlite_errmsg": text} as the message.
-//
-// Contention with other connections is absorbed by a 1000 ms busy time-out
-// plus up to `retryLimit` further attempts, 1-2 s apart, for SQLITE_BUSY and
-// SQLITE_LOCKED only. One thread at a time per object.
+/// Every operation reports through its bool result and the error record
+/// (GetErr()): 0 after success; 401 bad parameter; 403 no connection; 404 a
+/// database failure; 405 the database stayed busy or locked. SQLite failures
+/// carry {"sqlite_errcode": code, "sqlite_errmsg": text} as the message.
+///
+/// Contention with other connections is absorbed by a 1000 ms busy time-out
+/// plus up to `retryLimit` further attempts, 1-2 s apart, for SQLITE_BUSY and
+/// SQLITE_LOCKED only. One thread at a time per object.
+///
+/// Rows come back with INTEGER and TEXT columns only: NULL, REAL and BLOB
+/// columns are left out of the record (with a WARN line). TEXT ends at its
+/// first NUL byte, so any record read can be written back.
 class VANTDR_API SqliteDB : public ErrRecorder {
  public:
-  // Opens nothing: the file is opened (and created) by the first operation
-  // that needs it. `logTag` prefixes the INFO lines of Exec(command).
+  /// Opens nothing: the file is opened (and created) by the first operation
+  /// that needs it. `logTag` prefixes the INFO lines of Exec(command).
   SqliteDB(const std::string& path, unsigned int retryLimit, const std::string& logTag);
+  /// Closes the connection.
   virtual ~SqliteDB();
 
-  // The object owns its connection.
+  /// Not copyable: the object owns its connection.
   SqliteDB(const SqliteDB&) = delete;
+  /// Not assignable: the object owns its connection.
   SqliteDB& operator=(const SqliteDB&) = delete;
 
-  // True when the connection is open (at once if it already was). Never
-  // touches the error record.
+  /// Opens (creating the file if needed) unless open; true when the
+  /// connection is open. Never touches the error record.
   bool Open();
+  /// Closes the connection, if open; the next operation opens it again.
   void Close();
 
-  // Whether the database file exists, links followed (a dangling link is no
-  // database); opening creates it, so the read and delete operations ask
-  // this first.
+  /// Whether the database file exists, links followed (a dangling link is no
+  /// database); opening creates it, so the read and delete operations ask
+  /// this first.
   bool IsExisted() const;
 
-  // Runs statements that return no rows. Gives up after the first failure
-  // that is neither SQLITE_BUSY nor SQLITE_LOCKED.
+  /// Runs statements that return no rows. Gives up after the first failure
+  /// that is neither SQLITE_BUSY nor SQLITE_LOCKED.
   bool Exec(const std::string& sql);
 
-  // Replaces `record` with the first row; a query without rows succeeds and
-  // leaves `record` as it was. Text without a statement (blanks, ";", only a
-  // comment) fails: 404 with SQLite's misuse code 21, where Exec succeeds.
+  /// Replaces `record` with the first row; a query without rows succeeds and
+  /// leaves `record` as it was. Text without a statement (blanks, ";", only a
+  /// comment) fails: 404 with SQLite's misuse code 21, where Exec succeeds.
   bool SelectByCommand(const std::string& sql, SqliteValueList& record);
-  // Appends every row. The vector is never cleared, not even between retries:
-  // pass an empty one.
+  /// Appends every row. The vector is never cleared, not even between retries:
+  /// pass an empty one.
   bool SelectByCommand(const std::string& sql, std::vector<SqliteValueList>& records);
-
-  // Rows come back with INTEGER and TEXT columns only: NULL, REAL and BLOB
-  // columns are left out of the record (with a WARN line). TEXT ends at its
-  // first NUL byte, so any record read can be written back.
 
   // --- table and record operations -----------------------------------------
 
-  // Row count of `table`; false when the table is missing or cannot be read.
+  /// Row count of `table`; false when the table is missing or cannot be read.
   bool GetCount(const SqliteTableHandler& table, int& count);
-  // A failed look-up counts as missing.
+  /// A failed look-up counts as missing.
   bool IsTableExisted(const std::string& tableName);
-  // Creates the table from its column definitions unless it exists. A handler
-  // without column definitions needs no table: true, nothing sent.
+  /// Creates the table from its column definitions unless it exists. A handler
+  /// without column definitions needs no table: true, nothing sent.
   bool CreateTable(const SqliteTableHandler& table);
 
-  // Runs a valid builder after creating its table if missing. GetCommand()
-  // is asked twice: for the INFO line, then for the text that runs.
+  /// Runs a valid builder after creating its table if missing. GetCommand()
+  /// is asked twice: for the INFO line, then for the text that runs.
   bool Exec(const SqliteCommand& command);
+  /// Exec(command) for an INSERT.
   bool InsertRecord(const InsertCommand& command);
+  /// Exec(command) for an UPDATE.
   bool UpdateRecord(const UpdateCommand& command);
-  // Deleting from a database file that does not exist succeeds and creates
-  // nothing.
+  /// Deleting from a database file that does not exist succeeds and creates
+  /// nothing.
   bool DeleteRecord(const DeleteCommand& command);
-  // Deletes the rows matching `condition`; an empty condition is refused
-  // (401), never read as "all rows".
+  /// Deletes the rows matching `condition`; an empty condition is refused
+  /// (401), never read as "all rows".
   bool DeleteRecord(const std::string& condition, const SqliteTableHandler& table);
+  /// Deletes every row of `table`.
   bool DeleteAllRecords(const SqliteTableHandler& table);
 
-  // Reading from a database file that does not exist fails, creates nothing
-  // and leaves the error record as it was.
+  /// Reading from a database file that does not exist fails, creates nothing
+  /// and leaves the error record as it was.
   bool SelectRecord(const SelectCommand& command, SqliteValueList& record);
-  // Appends to `records` without clearing it.
+  /// Appends to `records` without clearing it.
   bool SelectRecords(const SelectCommand& command, std::vector<SqliteValueList>& records);
 
   // --- batches and counts ---------------------------------------------------
 
-  // Runs every command in one transaction: all rows or none, with one INFO
-  // line for the batch. Every command is checked first (an invalid one: 401,
-  // nothing written), each distinct table is created once if missing, and a
-  // BUSY or LOCKED anywhere rolls the whole transaction back and retries it
-  // from BEGIN under the retry limit and pauses of Exec. The rows written are
-  // exactly those the same commands run one by one would write. On a
-  // connection already inside a transaction (a SqliteTransaction, or BEGIN
-  // run by the caller) the batch joins it, all or nothing within it, and
-  // leaves retrying to the owner of that transaction.
+  /// Runs every command in one transaction: all rows or none, with one INFO
+  /// line for the batch. Every command is checked first (an invalid one: 401,
+  /// nothing written), each distinct table is created once if missing, and a
+  /// BUSY or LOCKED anywhere rolls the whole transaction back and retries it
+  /// from BEGIN under the retry limit and pauses of Exec. The rows written are
+  /// exactly those the same commands run one by one would write. On a
+  /// connection already inside a transaction (a SqliteTransaction, or BEGIN
+  /// run by the caller) the batch joins it, all or nothing within it, and
+  /// leaves retrying to the owner of that transaction.
   bool InsertRecords(const std::vector<InsertCommand>& commands);
+  /// As InsertRecords, for UPDATE commands.
   bool UpdateRecords(const std::vector<UpdateCommand>& commands);
 
-  // Rows of `table` matching `condition`. A condition without text is
-  // refused (401): counting every row is GetCount(table, count).
+  /// Rows of `table` matching `condition`. A condition without text is
+  /// refused (401): counting every row is GetCount(table, count).
   bool GetCount(const SqliteTableHandler& table, const SqliteCondition& condition, int& count);
 
-  // The rowid of the last row inserted through the current connection; 0
-  // when there is none (or the connection is closed).
+  /// The rowid of the last row inserted through the current connection; 0
+  /// when there is none (or the connection is closed).
   int64_t GetLastInsertRowId() const;
 
   // --- single attempts and error recording ---------------------------------
@@ -122,15 +130,22 @@ class VANTDR_API SqliteDB : public ErrRecorder {
   // One try each; a failure leaves the raw SQLite code and message in the
   // record (Exec and SelectByCommand then convert it). Without a connection:
   // 21 with SQLite's message for a null handle.
+
+  /// One try of Exec(sql); a failure leaves the raw SQLite code and message
+  /// (21 without a connection).
   bool DoExecSqliteCommand(const std::string& sql);
+  /// One try of SelectByCommand(sql, record); a failure leaves the raw SQLite
+  /// code and message (21 without a connection).
   bool DoSelectSqliteRecord(const std::string& sql, SqliteValueList& record);
+  /// One try of SelectByCommand(sql, records); a failure leaves the raw
+  /// SQLite code and message (21 without a connection).
   bool DoSelectSqliteRecords(const std::string& sql, std::vector<SqliteValueList>& records);
 
-  // Records a raw SQLite failure: `code` with `message`, or the connection's
-  // own message when null. Code 0 records nothing.
+  /// Records a raw SQLite failure: `code` with `message`, or the connection's
+  /// own message when null. Code 0 records nothing.
   void SetDBErr(int code, const char* message) const;
-  // Converts a raw SQLite failure held in `sqliteErr` into 405 (busy or
-  // locked) or 404 with the {"sqlite_errcode", "sqlite_errmsg"} object.
+  /// Converts a raw SQLite failure held in `sqliteErr` into 405 (busy or
+  /// locked) or 404 with the {"sqlite_errcode", "sqlite_errmsg"} object.
   void SetDBErr(const ErrRecorder& sqliteErr) const;
 
  private:

@@ -1,15 +1,18 @@
-// A scoped transaction on one SqliteDB.
-//
-//   SqliteTransaction transaction(db);
-//   if (!transaction.Begin()) return false;        // BEGIN IMMEDIATE
-//   ... db.InsertRecord(...), db.UpdateRecord(...) ...
-//   return transaction.Commit();                   // otherwise rolled back
-//
-// Begin and Commit run through the object's retry policy: a BUSY or LOCKED
-// answer is retried up to its retry limit, 1-2 s apart, with the log lines
-// and error record (404, 405) of SqliteDB::Exec. Begin takes the write lock
-// at once, so the statements inside never wait for another writer; Commit
-// may still wait for readers to finish.
+/// @file
+/// A scoped transaction on one SqliteDB.
+///
+/// @code
+///   SqliteTransaction transaction(db);
+///   if (!transaction.Begin()) return false;        // BEGIN IMMEDIATE
+///   ... db.InsertRecord(...), db.UpdateRecord(...) ...
+///   return transaction.Commit();                   // otherwise rolled back
+/// @endcode
+///
+/// Begin and Commit run through the object's retry policy: a BUSY or LOCKED
+/// answer is retried up to its retry limit, 1-2 s apart, with the log lines
+/// and error record (404, 405) of SqliteDB::Exec. Begin takes the write lock
+/// at once, so the statements inside never wait for another writer; Commit
+/// may still wait for readers to finish.
 #pragma once
 
 #include "vantdr/export.h"
@@ -17,33 +20,37 @@
 
 namespace VantDRCore {
 
+/// The guard: Begin() opens a transaction on its SqliteDB, Commit() ends
+/// it, and destruction rolls back one left open. Not copyable.
 class VANTDR_API SqliteTransaction {
  public:
-  // Binds the guard to `db`, which must outlive it. Starts nothing.
+  /// Binds the guard to `db`, which must outlive it. Starts nothing.
   explicit SqliteTransaction(SqliteDB& db);
-  // Rolls back a transaction that was begun and not committed.
+  /// Rolls back a transaction that was begun and not committed.
   ~SqliteTransaction();
 
+  /// Not copyable: one guard owns the transaction.
   SqliteTransaction(const SqliteTransaction&) = delete;
+  /// Not assignable, for the same reason.
   SqliteTransaction& operator=(const SqliteTransaction&) = delete;
 
-  // Starts the transaction: every statement run through the SqliteDB from
-  // now on belongs to it. Refused (false, 401, ERR line) while a guard on
-  // the same object, this one included, holds a transaction.
+  /// Starts the transaction: every statement run through the SqliteDB from
+  /// now on belongs to it. Refused (false, 401, ERR line) while a guard on
+  /// the same object, this one included, holds a transaction.
   bool Begin();
 
-  // Makes the transaction's changes durable. On failure the transaction
-  // stays open when SQLite kept it (Commit may be tried again; the guard
-  // rolls it back at the end), and closes when SQLite ended it. False (401,
-  // ERR line) when no transaction is held.
+  /// Makes the transaction's changes durable. On failure the transaction
+  /// stays open when SQLite kept it (Commit may be tried again; the guard
+  /// rolls it back at the end), and closes when SQLite ended it. False (401,
+  /// ERR line) when no transaction is held.
   bool Commit();
 
-  // Discards the transaction's changes. The error record is left as it was,
-  // so the failure that led here stays readable. False (ERR line) when no
-  // transaction is held.
+  /// Discards the transaction's changes. The error record is left as it was,
+  /// so the failure that led here stays readable. False (ERR line) when no
+  /// transaction is held.
   bool Rollback();
 
-  // True between a successful Begin and the end of the transaction.
+  /// True between a successful Begin and the end of the transaction.
   bool IsActive() const;
 
  private:

@@ -1,11 +1,13 @@
 // A program outside the source tree: installed headers, installed library.
 #include <cstdio>
+#include <cstring>
 #include <string>
 #include <vector>
 
 #include "vantdr/response.h"
 #include "vantdr/sqlite_command.h"
 #include "vantdr/sqlite_db.h"
+#include "vantdr/version.h"
 
 int main(int argc, char** argv) {
   if (argc != 2) return 2;
@@ -29,6 +31,8 @@ int main(int argc, char** argv) {
 
   Response answer(std::string(R"({"success":true,"data":{"task_id":"t-1","finish":true}})"));
   if (!answer.isSuccess() || answer.getTaskId() != "t-1" || !answer.isPollFinish()) return 5;
-  std::printf("consumer ok: %s, task %s\n", name.c_str(), answer.getTaskId().c_str());
+  if (std::strcmp(GetLibraryVersion(), VANTDR_VERSION_STRING) != 0) return 6;
+  std::printf("consumer ok: %s, task %s, version %s\n", name.c_str(), answer.getTaskId().c_str(),
+              GetLibraryVersion());
   return 0;
 }
