@@ -11,6 +11,7 @@
 #include <sstream>
 
 #include "foundation/durable_write.h"
+#include "foundation/no_throw.h"
 
 namespace VantDRCore {
 namespace {
@@ -160,7 +161,7 @@ std::unique_ptr<Json::StreamWriter> MakeWriter() {
 
 }  // namespace
 
-bool JsonFromString(Json::Value& out, const std::string& text) {
+bool JsonFromString(Json::Value& out, const std::string& text) try {
   const char* begin = text.data();
   const char* end = begin + text.size();
   out = Json::Value();
@@ -177,8 +178,9 @@ bool JsonFromString(Json::Value& out, const std::string& text) {
     return false;
   }
 }
+VANTDR_CATCH_ALL(false)
 
-std::string JsonToString(const Json::Value& value) {
+std::string JsonToString(const Json::Value& value) try {
   static thread_local std::unique_ptr<Json::StreamWriter> writer = MakeWriter();
   std::ostringstream out;
   try {
@@ -186,14 +188,23 @@ std::string JsonToString(const Json::Value& value) {
   } catch (const std::exception&) {
     return std::string();
   }
+  if (!out) {  // the stream swallows a failed allocation and keeps what fitted
+    VLOG_ERR("Failed to allocate memory");
+    return std::string();
+  }
   return out.str();
 }
+VANTDR_CATCH_ALL(std::string())
 
-bool JsonFromFile(Json::Value& out, const std::string& path) {
+bool JsonFromFile(Json::Value& out, const std::string& path) try {
   out = Json::Value();
   // Plain reads: iostreams throw on some read errors (a directory, EIO).
   int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) return false;
+  struct Closer {
+    int fd;
+    ~Closer() { close(fd); }
+  } closer{fd};
   std::string text;
   struct stat st;
   if (fstat(fd, &st) == 0 && st.st_size > 0) text.reserve(static_cast<size_t>(st.st_size));
@@ -202,18 +213,20 @@ bool JsonFromFile(Json::Value& out, const std::string& path) {
   while ((n = read(fd, buffer, sizeof buffer)) != 0) {
     if (n < 0) {
       if (errno == EINTR) continue;
-      close(fd);
       return false;
     }
     text.append(buffer, static_cast<size_t>(n));
   }
-  close(fd);
   return JsonFromString(out, text);
 }
+VANTDR_CATCH_ALL(false)
 
-bool JsonToFile(const Json::Value& value, const std::string& path) {
+bool JsonToFile(const Json::Value& value, const std::string& path) try {
   if (path.empty()) return false;
-  return WriteFileDurably(path, JsonToString(value) + "\n") == DurableWriteStep::kDone;
+  const std::string text = JsonToString(value);
+  if (text.empty()) return false;  // not serialised (every value has a text)
+  return WriteFileDurably(path, text + "\n") == DurableWriteStep::kDone;
 }
+VANTDR_CATCH_ALL(false)
 
 }  // namespace VantDRCore

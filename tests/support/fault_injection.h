@@ -16,6 +16,7 @@
 // interposed symbols: the walk reaches them through the entry points above.
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -59,6 +60,12 @@ bool Fired();
 bool FiredOn(Call call);
 // The arguments of usleep since Arm (usleep is counted, never failed).
 const std::vector<unsigned>& Sleeps();
+
+// Counts allocations (operator new) of at least `bytes` from now on and
+// makes the nth of them fail (0: none fails); `bytes` 0 stops counting.
+void FailAllocation(size_t bytes, int nth);
+// Allocations of at least those bytes since FailAllocation.
+int LargeAllocations();
 
 // Makes sqlite3_step return `result` on its nth call after Arm (0: never),
 // without stepping: SQLite cannot be made to report contention in the
