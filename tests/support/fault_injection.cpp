@@ -60,7 +60,7 @@ void RecordSleep(unsigned usec) {
 // The result sqlite3_step must give instead of stepping, or -1.
 int StepOverride() {
   State& s = Current();
-  if (!s.armed || s.stepNth == 0 || ++s.steps != s.stepNth) return -1;
+  if (!s.armed || ++s.steps != s.stepNth) return -1;
   return s.stepResult;
 }
 
@@ -122,6 +122,8 @@ void FailStep(int nth, int result) {
   Current().stepNth = nth;
   Current().stepResult = result;
 }
+
+int Steps() { return Current().steps; }
 
 }  // namespace Faults
 }  // namespace VantDRTest

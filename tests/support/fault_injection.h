@@ -67,10 +67,12 @@ void FailAllocation(size_t bytes, int nth);
 // Allocations of at least those bytes since FailAllocation.
 int LargeAllocations();
 
-// Makes sqlite3_step return `result` on its nth call after Arm (0: never),
-// without stepping: SQLite cannot be made to report contention in the
-// middle of a query's rows any other way.
+// Makes sqlite3_step return `result` on its nth call from now on (0: never;
+// Arm clears it) without stepping: SQLite cannot be made to report
+// contention in the middle of a query's rows any other way.
 void FailStep(int nth, int result);
+// Calls of sqlite3_step since Arm.
+int Steps();
 
 }  // namespace Faults
 }  // namespace VantDRTest
