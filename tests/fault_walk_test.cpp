@@ -33,6 +33,7 @@
 #include "vantdr/file.h"
 #include "vantdr/file_lock.h"
 #include "vantdr/json_text.h"
+#include "vantdr/response.h"
 #include "vantdr/sqlite_db.h"
 
 using namespace VantDRCore;
@@ -723,6 +724,17 @@ TEST_F(HugeInput, FailedAllocationsBecomeFailureResults) {
       },
       [&](bool ok) { return std::string(!ok || served == big ? "" : "served a different value"); },
       3));  // and the two lines of the failed load
+  Json::Value answer;
+  answer["success"] = true;
+  answer["data"] = big;
+  const std::string answerText = JsonToString(answer);
+  Response response;
+  add(WalkAllocations(
+      "Response::setResp", [&] { response.clear(); },
+      [&] { return response.setResp(answerText.c_str()); },
+      [&](bool ok) {
+        return std::string(!ok || response.getData() == big ? "" : "answer half parsed");
+      }));
   for (const std::string& problem : problems) ADD_FAILURE() << problem;
   std::filesystem::remove_all("/tmp/.vantdr_lock" + dir.path());
 }
