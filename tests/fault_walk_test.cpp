@@ -145,6 +145,9 @@ class Walker {
     std::map<Faults::Call, int> counts;
     size_t cleanLines = 0;
     {
+      // A first run makes what persists between runs (the lock directory).
+      op.setup();
+      op.check(op.run(), true);
       op.setup();
       LogCapture log;
       Faults::Arm();
@@ -194,6 +197,8 @@ class Walker {
       return;
     }
     Faults::Disarm();
+    // The calls before the nth are those of the fault-free run.
+    if (!Faults::Fired()) Problem(where.str() + "the call was never made");
     if (log.Lines().size() > cleanLines + static_cast<size_t>(op.extraLines)) {
       Problem(where.str() + std::to_string(log.Lines().size()) +
               " log lines, first: " + log.Lines().front().text);
@@ -594,6 +599,8 @@ std::vector<std::string> WalkAllocations(const std::string& name,
     if (!ok || !check(true).empty()) problems.push_back(name + " fails without faults");
   }
   if (large == 0) problems.push_back(name + " made no large allocation");
+  std::printf("allocation walk: %s, %d allocations of %zu bytes or more failed in turn\n",
+              name.c_str(), large, kLarge);
   for (int nth = 1; nth <= large; ++nth) {
     const std::string where =
         name + " with large allocation #" + std::to_string(nth) + " failing: ";
