@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "vantdr/cache.h"
+#include "vantdr/file.h"
 #include "vantdr/file_lock.h"
 #include "vantdr/json_text.h"
 #include "vantdr/sqlite_command.h"
@@ -328,6 +329,37 @@ void LockCycleSyscallFloor(benchmark::State& state) {
   close(fd);
 }
 
+// ---- file_write ------------------------------------------------------------
+
+// A 4 KiB document rewritten in one file; on tmpfs the sync is nearly free,
+// so this shows the writer's own system calls at their heaviest.
+const Json::Value kDocument = [] {
+  Json::Value doc;
+  for (int i = 0; i < 64; ++i) doc["key" + std::to_string(i)] = std::string(48, 'v');
+  return doc;
+}();
+
+void FileWriteLibrary(benchmark::State& state) {
+  const std::string path = ScratchDir() + "/write_library.json";
+  for (auto _ : state) {
+    if (!File::Write(path, kDocument)) state.SkipWithError("write failed");
+  }
+}
+
+// A write in place: fopen, fprintf, fflush, fsync, fclose.
+void FileWriteBaseline(benchmark::State& state) {
+  const std::string path = ScratchDir() + "/write_baseline.json";
+  for (auto _ : state) {
+    const std::string text = JsonToString(kDocument);
+    FILE* file = fopen(path.c_str(), "w");
+    if (file == nullptr || fprintf(file, "%s", text.c_str()) < 0 || fflush(file) != 0 ||
+        fsync(fileno(file)) != 0) {
+      state.SkipWithError("write failed");
+    }
+    if (file != nullptr) fclose(file);
+  }
+}
+
 // ---- ratios ----------------------------------------------------------------
 
 struct Pair {
@@ -346,6 +378,7 @@ const Pair kPairs[] = {
     {"lock_cycle", 4.0, LockCycleLibrary, LockCycleBaseline},
     // Not a target of its own: how far lock_cycle is from its system calls.
     {"lock_cycle_syscall_floor", 1.3, LockCycleLibrary, LockCycleSyscallFloor},
+    {"file_write", 3.0, FileWriteLibrary, FileWriteBaseline},
 };
 
 // Keeps the time per iteration of every run, by name.

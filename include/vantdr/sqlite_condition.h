@@ -24,7 +24,7 @@ class VANTDR_API SqliteCondition {
  public:
   SqliteCondition();
   // Takes a finished condition text as it is.
-  explicit SqliteCondition(const std::string& text);
+  SqliteCondition(const std::string& text);
   virtual ~SqliteCondition();
 
   // True when the text is not empty.

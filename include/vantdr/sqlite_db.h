@@ -41,8 +41,9 @@ class VANTDR_API SqliteDB : public ErrRecorder {
   bool Open();
   void Close();
 
-  // Whether the database file exists; opening creates it, so the read and
-  // delete operations ask this first.
+  // Whether the database file exists, links followed (a dangling link is no
+  // database); opening creates it, so the read and delete operations ask
+  // this first.
   bool IsExisted() const;
 
   // Runs statements that return no rows. Gives up after the first failure
@@ -50,14 +51,16 @@ class VANTDR_API SqliteDB : public ErrRecorder {
   bool Exec(const std::string& sql);
 
   // Replaces `record` with the first row; a query without rows succeeds and
-  // leaves `record` as it was.
+  // leaves `record` as it was. Text without a statement (blanks, ";", only a
+  // comment) fails: 404 with SQLite's misuse code 21, where Exec succeeds.
   bool SelectByCommand(const std::string& sql, SqliteValueList& record);
   // Appends every row. The vector is never cleared, not even between retries:
   // pass an empty one.
   bool SelectByCommand(const std::string& sql, std::vector<SqliteValueList>& records);
 
   // Rows come back with INTEGER and TEXT columns only: NULL, REAL and BLOB
-  // columns are left out of the record (with a WARN line).
+  // columns are left out of the record (with a WARN line). TEXT ends at its
+  // first NUL byte, so any record read can be written back.
 
   // --- table and record operations -----------------------------------------
 
@@ -69,7 +72,8 @@ class VANTDR_API SqliteDB : public ErrRecorder {
   // without column definitions needs no table: true, nothing sent.
   bool CreateTable(const SqliteTableHandler& table);
 
-  // Runs a valid builder after creating its table if missing.
+  // Runs a valid builder after creating its table if missing. GetCommand()
+  // is asked twice: for the INFO line, then for the text that runs.
   bool Exec(const SqliteCommand& command);
   bool InsertRecord(const InsertCommand& command);
   bool UpdateRecord(const UpdateCommand& command);
@@ -90,7 +94,8 @@ class VANTDR_API SqliteDB : public ErrRecorder {
   // --- single attempts and error recording ---------------------------------
 
   // One try each; a failure leaves the raw SQLite code and message in the
-  // record (Exec and SelectByCommand then convert it).
+  // record (Exec and SelectByCommand then convert it). Without a connection:
+  // 21 with SQLite's message for a null handle.
   bool DoExecSqliteCommand(const std::string& sql);
   bool DoSelectSqliteRecord(const std::string& sql, SqliteValueList& record);
   bool DoSelectSqliteRecords(const std::string& sql, std::vector<SqliteValueList>& records);
@@ -116,12 +121,22 @@ class VANTDR_API SqliteDB : public ErrRecorder {
   // without a statement. Callers reset, never finalize, what they get.
   int PrepareQuery(const std::string& sql, sqlite3_stmt** stmt);
   void FinalizeQueries();
+  // Sees every statement this connection prepares: flags those after which
+  // a fresh prepare could resolve a name differently. Never denies.
+  static int Authorize(void* self, int action, const char* arg1, const char* arg2,
+                       const char* database, const char* trigger);
 
   struct PreparedQuery {
     std::string sql;
     sqlite3_stmt* stmt;
   };
   std::vector<PreparedQuery> queries_;  // least recently used first
+  // Schema, attachment or planner settings changed: drop the reused queries.
+  bool schemaChanged_ = false;
+  // SQLite re-checks only the schemas a statement reads, so one that found a
+  // table in an attached database would miss the same name created in main
+  // by another connection: with attachments, nothing is reused.
+  bool reuseDisabled_ = false;
 
   sqlite3* handle_ = nullptr;
   std::string path_;

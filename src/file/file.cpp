@@ -44,8 +44,8 @@ bool File::Write(const std::string& path, const Json::Value& value) try {
     VLOG_ERR("Empty path to write.");
     return false;
   }
-  // Written beside the target and renamed over it, so a failure at any step
-  // leaves the previous document in place.
+  // Replaced atomically where nobody can tell, else written in place: see
+  // the writer for the rule.
   const std::string text = JsonToString(value);
   if (text.empty()) return false;  // not serialised (every value has a text); logged there
   switch (WriteFileDurably(path, text)) {
@@ -62,10 +62,6 @@ bool File::Write(const std::string& path, const Json::Value& value) try {
       break;
     case DurableWriteStep::kSync:
       VLOG_ERR("Failed to sync file [%s]", path.c_str());
-      break;
-    case DurableWriteStep::kRename:
-      // The synced text could not replace the target (e.g. it is a directory).
-      VLOG_ERR("Failed to replace file [%s], errno=%m", path.c_str());
       break;
   }
   return false;
@@ -161,7 +157,7 @@ bool File::RemoveDir(const std::string& path) {
 
 template <typename K, typename V>
 bool File::parseLineKeyValue(const std::string& line, const std::string& separator, K& key,
-                             V& value) try {
+                             V& value, CheckedType) try {
   if (line.empty() || separator.empty()) {
     VLOG_WARN("Bad Parameter.");
     return false;
@@ -180,7 +176,7 @@ bool File::parseLineKeyValue(const std::string& line, const std::string& separat
 VANTDR_CATCH_ALL(false)
 
 template <typename K, typename V>
-int File::Read(const std::string& path, std::map<K, V>& map) try {
+int File::Read(const std::string& path, std::map<K, V>& map, CheckedType) try {
   std::ifstream in(path);
   if (path.empty()) {
     VLOG_ERR("Invalid path");
@@ -207,20 +203,21 @@ int File::Read(const std::string& path, std::map<K, V>& map) try {
 VANTDR_CATCH_ALL(-1)
 
 template VANTDR_API int File::Read<std::string, std::string>(const std::string&,
-                                                             std::map<std::string, std::string>&);
+                                                             std::map<std::string, std::string>&,
+                                                             CheckedType);
 template VANTDR_API int File::Read<std::string, int>(const std::string&,
-                                                     std::map<std::string, int>&);
+                                                     std::map<std::string, int>&, CheckedType);
 template VANTDR_API int File::Read<std::string, double>(const std::string&,
-                                                        std::map<std::string, double>&);
-template VANTDR_API bool File::parseLineKeyValue<std::string, std::string>(const std::string&,
-                                                                           const std::string&,
-                                                                           std::string&,
-                                                                           std::string&);
+                                                        std::map<std::string, double>&,
+                                                        CheckedType);
+template VANTDR_API bool File::parseLineKeyValue<std::string, std::string>(
+    const std::string&, const std::string&, std::string&, std::string&, CheckedType);
 template VANTDR_API bool File::parseLineKeyValue<std::string, int>(const std::string&,
                                                                    const std::string&, std::string&,
-                                                                   int&);
+                                                                   int&, CheckedType);
 template VANTDR_API bool File::parseLineKeyValue<std::string, double>(const std::string&,
                                                                       const std::string&,
-                                                                      std::string&, double&);
+                                                                      std::string&, double&,
+                                                                      CheckedType);
 
 }  // namespace VantDRCore
