@@ -170,6 +170,26 @@ int open64(const char* path, int flags, ...) {
   return next(path, flags, mode);
 }
 
+int openat(int dirFd, const char* path, int flags, ...) {
+  va_list ap;
+  va_start(ap, flags);
+  const mode_t mode = ModeArgument(flags, ap);
+  va_end(ap);
+  if (Inject(kOpen)) return -1;
+  VANTDR_NEXT(openat);
+  return next(dirFd, path, flags, mode);
+}
+
+int openat64(int dirFd, const char* path, int flags, ...) {
+  va_list ap;
+  va_start(ap, flags);
+  const mode_t mode = ModeArgument(flags, ap);
+  va_end(ap);
+  if (Inject(kOpen)) return -1;
+  VANTDR_NEXT(openat64);
+  return next(dirFd, path, flags, mode);
+}
+
 FILE* fopen(const char* path, const char* mode) {
   if (Inject(kOpen)) return nullptr;
   VANTDR_NEXT(fopen);
@@ -255,6 +275,24 @@ int rename(const char* from, const char* to) noexcept {
   if (Inject(kRename)) return -1;
   VANTDR_NEXT(rename);
   return next(from, to);
+}
+
+int renameat(int fromDir, const char* from, int toDir, const char* to) noexcept {
+  if (Inject(kRename)) return -1;
+  VANTDR_NEXT(renameat);
+  return next(fromDir, from, toDir, to);
+}
+
+int linkat(int fromDir, const char* from, int toDir, const char* to, int flags) noexcept {
+  if (Inject(kRename)) return -1;
+  VANTDR_NEXT(linkat);
+  return next(fromDir, from, toDir, to, flags);
+}
+
+int unlinkat(int dirFd, const char* path, int flags) noexcept {
+  if (Inject(kUnlink)) return -1;
+  VANTDR_NEXT(unlinkat);
+  return next(dirFd, path, flags);
 }
 
 int unlink(const char* path) noexcept {

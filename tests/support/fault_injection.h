@@ -25,13 +25,13 @@ namespace Faults {
 
 // Kinds of call; each groups the entry points that do that work.
 enum Call {
-  kOpen,       // open, open64, fopen, fopen64, fdopen
+  kOpen,       // open, open64, openat, openat64, fopen, fopen64, fdopen
   kRead,       // read, pread64
   kWrite,      // write, pwrite64, fflush
   kFsync,      // fsync, fdatasync
   kClose,      // close, fclose (the descriptor is released, as the kernel does)
-  kRename,     // rename
-  kUnlink,     // unlink
+  kRename,     // rename, renameat, linkat (the calls that name a file)
+  kUnlink,     // unlink, unlinkat
   kFlock,      // flock
   kFork,       // fork
   kPipe2,      // pipe2
