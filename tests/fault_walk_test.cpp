@@ -264,6 +264,32 @@ std::vector<Operation> FileOperations(const std::string& home) {
                              : Expect(access(fresh.c_str(), F_OK) != 0, "failure left a file");
                  },
                  1, [](Faults::Call) { return std::set<std::string>{"fresh.json"}; }});
+  // Where a replacement would show, the document is written in place: the
+  // links stay whatever fails, a failure to open keeps the old document (a
+  // later failure may leave it cut, as fopen's truncation does).
+  const std::string target = home + "/target.json", link = home + "/link.json";
+  const std::string twin = home + "/twin.json";
+  auto inPlace = [=](const std::string& path, bool ok) {
+    struct stat st;
+    const bool links = lstat(link.c_str(), &st) == 0 && S_ISLNK(st.st_mode) &&
+                       stat(twin.c_str(), &st) == 0 && st.st_nlink == 2;
+    const Json::Value now = ReadDoc(path);
+    return Expect(links, "a link was replaced") +
+           Expect(!ok || now == Doc(2), "document not written") +
+           Expect(ok || !Faults::FiredOn(Faults::kOpen) || now == Doc(1),
+                  "a failure to open changed the document");
+  };
+  auto linked = [=] {
+    File::Write(target, Doc(1));
+    if (access(link.c_str(), F_OK) != 0) (void)!symlink("target.json", link.c_str());
+    if (access(twin.c_str(), F_OK) != 0) (void)!::link(target.c_str(), twin.c_str());
+  };
+  ops.push_back({"File::Write(path) through a symbolic link", linked,
+                 [=] { return File::Write(link, Doc(2)); },
+                 [=](bool ok, bool) { return inPlace(link, ok); }});
+  ops.push_back({"File::Write(path) of a file with two names", linked,
+                 [=] { return File::Write(twin, Doc(2)); },
+                 [=](bool ok, bool) { return inPlace(target, ok); }});
   ops.push_back({"File::Read(path)",
                  [=] {
                    File::Write(doc, Doc(1));
@@ -558,7 +584,7 @@ TEST_F(FaultWalk, PrivilegedSectionsOfAnotherUser) {
     Walker walker(dir.path(), {Faults::kSetresuid, Faults::kSetresgid});
     std::vector<Operation> ops = FileOperations(dir.path());
     std::vector<Operation> locks = LockAndCacheOperations(dir.path(), lock);
-    std::vector<Operation> walked = {ops[6], locks[0], locks[1]};  // CreateDir, lock, cache write
+    std::vector<Operation> walked = {ops[8], locks[0], locks[1]};  // CreateDir, lock, cache write
     for (Operation& op : walked) {
       // A failed raise runs the operation with the caller's ids and logs two
       // lines; a failed restore leaves root, which the next case undoes.
