@@ -145,46 +145,40 @@ mode_t ModeArgument(int flags, va_list ap) {
 }  // namespace
 
 #define VANTDR_NEXT(name) static const auto next = Next(&::name, #name)
+// Declares `mode`, the optional argument after `flags` of the open family.
+#define VANTDR_MODE_ARGUMENT(flags)            \
+  va_list ap;                                  \
+  va_start(ap, flags);                         \
+  const mode_t mode = ModeArgument(flags, ap); \
+  va_end(ap)
 
 using namespace VantDRTest::Faults;
 
 extern "C" {
 
 int open(const char* path, int flags, ...) {
-  va_list ap;
-  va_start(ap, flags);
-  const mode_t mode = ModeArgument(flags, ap);
-  va_end(ap);
+  VANTDR_MODE_ARGUMENT(flags);
   if (Inject(kOpen)) return -1;
   VANTDR_NEXT(open);
   return next(path, flags, mode);
 }
 
 int open64(const char* path, int flags, ...) {
-  va_list ap;
-  va_start(ap, flags);
-  const mode_t mode = ModeArgument(flags, ap);
-  va_end(ap);
+  VANTDR_MODE_ARGUMENT(flags);
   if (Inject(kOpen)) return -1;
   VANTDR_NEXT(open64);
   return next(path, flags, mode);
 }
 
 int openat(int dirFd, const char* path, int flags, ...) {
-  va_list ap;
-  va_start(ap, flags);
-  const mode_t mode = ModeArgument(flags, ap);
-  va_end(ap);
+  VANTDR_MODE_ARGUMENT(flags);
   if (Inject(kOpen)) return -1;
   VANTDR_NEXT(openat);
   return next(dirFd, path, flags, mode);
 }
 
 int openat64(int dirFd, const char* path, int flags, ...) {
-  va_list ap;
-  va_start(ap, flags);
-  const mode_t mode = ModeArgument(flags, ap);
-  va_end(ap);
+  VANTDR_MODE_ARGUMENT(flags);
   if (Inject(kOpen)) return -1;
   VANTDR_NEXT(openat64);
   return next(dirFd, path, flags, mode);
