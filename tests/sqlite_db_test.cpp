@@ -9,6 +9,7 @@
 
 #include "support/log_capture.h"
 #include "support/process.h"
+#include "support/sqlite_lock.h"
 #include "support/temp_dir.h"
 #include "vantdr/json_text.h"
 
@@ -45,22 +46,7 @@ std::string AttachJobs(const std::string& path) {
 
 // A child holding BEGIN EXCLUSIVE on `path` for 1.5 s; returns once it holds.
 pid_t HoldExclusive(const std::string& path) {
-  int fds[2];
-  char c;
-  if (pipe(fds) != 0) return -1;
-  const pid_t pid = VantDRTest::StartChild([&]() {
-    sqlite3* handle = nullptr;
-    sqlite3_open(path.c_str(), &handle);
-    int rc = sqlite3_exec(handle, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr);
-    if (rc == SQLITE_OK && write(fds[1], "x", 1) == 1) usleep(1500 * 1000);
-    if (rc == SQLITE_OK) rc = sqlite3_exec(handle, "COMMIT", nullptr, nullptr, nullptr);
-    sqlite3_close(handle);
-    return rc;
-  });
-  close(fds[1]);
-  const bool held = read(fds[0], &c, 1) == 1;
-  close(fds[0]);
-  return held ? pid : -1;
+  return VantDRTest::HoldSqliteLock(path, "BEGIN EXCLUSIVE");
 }
 
 }  // namespace

@@ -94,6 +94,9 @@ class VANTDR_API InsertCommand : public SqliteCommand {
   bool IsValid() const override;
   void DumpParam(std::stringstream& out) const override;
 
+  const SqliteValueList& GetFieldValues() const { return values_; }
+  bool IsReplacable() const { return replacable_; }
+
  private:
   // ToFormatedInsertValues() appended to `out`.
   void AppendInsertValues(std::string& out) const;
@@ -129,6 +132,9 @@ class VANTDR_API UpdateCommand : public SqliteCommand {
   std::string GetCommand() const override;
   bool IsValid() const override;
   void DumpParam(std::stringstream& out) const override;
+
+  const SqliteValueList& GetFieldValues() const { return values_; }
+  const std::string& GetCondition() const { return condition_; }
 
  private:
   template <typename T>

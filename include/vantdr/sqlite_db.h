@@ -3,6 +3,7 @@
 // table and record operations that run the statement builders.
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <string>
 #include <vector>
@@ -10,12 +11,15 @@
 #include "vantdr/error.h"
 #include "vantdr/export.h"
 #include "vantdr/sqlite_command.h"
+#include "vantdr/sqlite_condition.h"
 #include "vantdr/sqlite_value.h"
 
 struct sqlite3;
 struct sqlite3_stmt;
 
 namespace VantDRCore {
+
+class SqliteTransaction;
 
 // Every operation reports through its bool result and the error record
 // (GetErr()): 0 after success; 401 bad parameter; 403 no connection; 404 a
@@ -91,6 +95,28 @@ class VANTDR_API SqliteDB : public ErrRecorder {
   // Appends to `records` without clearing it.
   bool SelectRecords(const SelectCommand& command, std::vector<SqliteValueList>& records);
 
+  // --- batches and counts ---------------------------------------------------
+
+  // Runs every command in one transaction: all rows or none, with one INFO
+  // line for the batch. Every command is checked first (an invalid one: 401,
+  // nothing written), each distinct table is created once if missing, and a
+  // BUSY or LOCKED anywhere rolls the whole transaction back and retries it
+  // from BEGIN under the retry limit and pauses of Exec. The rows written are
+  // exactly those the same commands run one by one would write. On a
+  // connection already inside a transaction (a SqliteTransaction, or BEGIN
+  // run by the caller) the batch joins it, all or nothing within it, and
+  // leaves retrying to the owner of that transaction.
+  bool InsertRecords(const std::vector<InsertCommand>& commands);
+  bool UpdateRecords(const std::vector<UpdateCommand>& commands);
+
+  // Rows of `table` matching `condition`. A condition without text is
+  // refused (401): counting every row is GetCount(table, count).
+  bool GetCount(const SqliteTableHandler& table, const SqliteCondition& condition, int& count);
+
+  // The rowid of the last row inserted through the current connection; 0
+  // when there is none (or the connection is closed).
+  int64_t GetLastInsertRowId() const;
+
   // --- single attempts and error recording ---------------------------------
 
   // One try each; a failure leaves the raw SQLite code and message in the
@@ -142,6 +168,17 @@ class VANTDR_API SqliteDB : public ErrRecorder {
   std::string path_;
   unsigned int retryLimit_;
   std::string logTag_;
+
+  // The count query `sql` read into `count`. (Named like the public forms:
+  // log lines carry the function name.)
+  bool GetCount(const std::string& sql, int& count);
+
+  // Batches (sqlite_batch.cpp) and the transaction guard work on the
+  // connection directly.
+  class Batch;
+  friend class SqliteTransaction;
+  // The guard whose transaction is open on this object, if any.
+  SqliteTransaction* transaction_ = nullptr;
 };
 
 }  // namespace VantDRCore

@@ -47,7 +47,7 @@ bool File::Write(const std::string& path, const Json::Value& value) try {
   // Replaced atomically where nobody can tell, else written in place: see
   // the writer for the rule.
   const std::string text = JsonToString(value);
-  if (text.empty()) return false;  // not serialised (every value has a text); logged there
+  if (text.empty()) return false;  // too deep to read back; JsonToString logged it
   switch (WriteFileDurably(path, text)) {
     case DurableWriteStep::kDone:
       return true;
@@ -92,7 +92,7 @@ bool File::Write(int fd, const Json::Value& value) try {
   const std::string text = JsonToString(value);
   bool ok = false;
   if (text.empty()) {
-    // Not serialised, which JsonToString has logged.
+    // Too deep to read back; JsonToString logged it.
   } else if (fprintf(file, "%s", text.c_str()) < 0) {
     VLOG_ERR("Failed to write [%s] to fd[%d]", text.c_str(), fd);
   } else if (fflush(file) != 0) {

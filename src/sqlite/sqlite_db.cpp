@@ -339,7 +339,10 @@ bool SqliteDB::SelectByCommand(const std::string& sql, bool oneRow,
 // --- tables --------------------------------------------------------------------
 
 bool SqliteDB::GetCount(const SqliteTableHandler& table, int& count) {
-  const std::string sql = "SELECT count() as count FROM '" + table.GetName() + "';";
+  return GetCount("SELECT count() as count FROM '" + table.GetName() + "';", count);
+}
+
+bool SqliteDB::GetCount(const std::string& sql, int& count) {
   std::vector<SqliteValueList> rows;
   SelectByCommand(sql, rows);
   if (rows.empty()) {
