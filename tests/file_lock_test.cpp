@@ -7,6 +7,7 @@
 
 #include <chrono>
 
+#include "support/fault_injection.h"
 #include "support/log_capture.h"
 #include "support/process.h"
 #include "support/temp_dir.h"
@@ -77,6 +78,53 @@ TEST(FileLock, TimeoutsAgainstAnotherHolder) {
   ASSERT_EQ(write(release[1], &c, 1), 1);  // the holder lets go 0.3 s later
   EXPECT_LT(SecondsTaken([&] { EXPECT_TRUE(waiter.lock(kExclusive, 1)); }), 0.9);
   EXPECT_EQ(WaitChild(pid).exitCode, 0);
+  unlink(FileLock::getLockFilePath(name).c_str());
+}
+
+}  // namespace
+
+namespace {
+
+// Against a holder, lock(op, T) makes exactly 20 x T + 1 attempts with a
+// 50 ms sleep between each two; a time-out of 0 makes one attempt, no sleep.
+TEST(FileLock, PollingMakesTwentyAttemptsASecondPlusOne) {
+  if (geteuid() != 0) GTEST_SKIP();
+  const std::string name = UniqueName("lock_poll");
+  FileLock holder(name), waiter(name);
+  ASSERT_TRUE(holder.lock(kExclusive, 0));
+  for (unsigned timeout : {0u, 1u}) {
+    Faults::Arm();
+    EXPECT_FALSE(waiter.lock(kExclusive, timeout));
+    Faults::Disarm();
+    EXPECT_EQ(Faults::Count(Faults::kFlock), static_cast<int>(20 * timeout + 1)) << timeout;
+    EXPECT_EQ(Faults::Sleeps(), std::vector<unsigned>(20 * timeout, 50000u)) << timeout;
+  }
+  holder.unlock();
+  Faults::Arm();
+  EXPECT_TRUE(waiter.lock(kExclusive, 1));  // free: the first attempt takes it
+  Faults::Disarm();
+  EXPECT_EQ(Faults::Count(Faults::kFlock), 1);
+  EXPECT_TRUE(Faults::Sleeps().empty());
+  unlink(FileLock::getLockFilePath(name).c_str());
+}
+
+// unlock skips descriptor 0 (never a lock file in practice), and only 0: a
+// lock file opened on descriptor 0 stays locked, one on descriptor 1 is freed.
+TEST(FileLock, UnlockSkipsDescriptorZeroOnly) {
+  if (geteuid() != 0) GTEST_SKIP();
+  const std::string name = UniqueName("lock_fd");
+  for (int fd : {0, 1}) {
+    const ChildResult child = RunInChild([&] {
+      close(fd);
+      FileLock lock(name), rival(name);
+      if (!lock.lock(kExclusive, 0)) return 1;
+      if (lock.getFd() != fd) return 2;
+      lock.unlock();
+      const bool stillHeld = !rival.tryLock(kExclusive);
+      return stillHeld == (fd == 0) ? 0 : 3;
+    });
+    EXPECT_EQ(child.exitCode, 0) << "descriptor " << fd;
+  }
   unlink(FileLock::getLockFilePath(name).c_str());
 }
 

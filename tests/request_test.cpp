@@ -48,8 +48,9 @@ TEST(Request, ParamsMergeClearAndRoundTrip) {
   EXPECT_FALSE(r.addParam("version", 7));
   EXPECT_TRUE(r.addParam("Version", 7));
   EXPECT_TRUE(r.addParam("", "e"));
-  EXPECT_TRUE(r.addParam(Parse(R"({"method":"X","Version":8})")));  // reserved key skipped
-  EXPECT_TRUE(r.addParam(Parse("[5,6]")));                          // entries keyed by their index
+  // Reserved keys are skipped, each of the three.
+  EXPECT_TRUE(r.addParam(Parse(R"({"api":"Y","method":"X","Version":8,"version":2})")));
+  EXPECT_TRUE(r.addParam(Parse("[5,6]")));  // entries keyed by their index
   EXPECT_TRUE(r.addParam(r.getParams()));
   const std::string merged = R"({"":"e","0":5,"1":6,"Version":8,"filter":{"a":[1,2]}})";
   r.setTimeout(5);

@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "vantdr/export.h"
+#include "vantdr/log.h"
 #include "vantdr/supported_types.h"
 
 namespace VantDRCore {
@@ -86,17 +87,24 @@ class VANTDR_API File {
   /// Extracts `out` from `text` with operator>> and returns true, even when
   /// the extraction fails (then `out` is what the failed extraction left, 0
   /// for numbers). An empty `text` sets `out` to `fallback` and returns false.
+  /// A text too large to hold is a failure (false and one ERR line), never a
+  /// cut value or an exception.
   template <typename T, typename U>
   static bool toType(const T& text, U& out, const U& fallback) {
     static_assert(std::is_same<T, std::string>::value && Extractable<U>::value,
                   "File::toType<T, U> supports T = std::string with any U read by operator>>");
-    std::istringstream in(text);
     if (text.empty()) {
       out = fallback;
       return false;
     }
-    in >> out;
-    return true;
+    try {
+      std::istringstream in(text);
+      in >> out;
+      if (!in.bad()) return true;  // a format error only sets failbit
+    } catch (...) {
+    }
+    VLOG_ERR("Failed to allocate memory");
+    return false;
   }
 
  private:

@@ -9,6 +9,8 @@
 #include <algorithm>
 #include <climits>
 
+#include "file/lock_files.h"
+#include "foundation/no_throw.h"
 #include "vantcore/vlibc.h"
 #include "vantdr/file.h"
 #include "vantdr/file_lock.h"
@@ -128,7 +130,7 @@ Cache::Cache(const std::string& dir, const std::string& file, long timeout, bool
 
 Cache::~Cache() = default;
 
-std::string Cache::GetCachedPath(const std::string& dir, const std::string& file) {
+std::string Cache::GetCachedPath(const std::string& dir, const std::string& file) try {
   if (dir.empty() || file.empty()) {
     VLOG_WARN("Invalid dir[%s] and file[%s] to cache", dir.c_str(), file.c_str());
     return kDefaultCachePath;
@@ -139,15 +141,17 @@ std::string Cache::GetCachedPath(const std::string& dir, const std::string& file
   }
   return dir + "/" + file + ".cached";
 }
+VANTDR_CATCH_ALL(kDefaultCachePath)
 
 Json::Value Cache::GetDefaultValue() const { return Json::Value(); }
 
 bool Cache::IsNeedUpdate(const Json::Value&) const { return false; }
 
-bool Cache::IsUpdatedDataRequired() const {
+bool Cache::IsUpdatedDataRequired() const try {
   if (requireUpdatedData_) return true;
   return !IsValidData(GetCachedData());
 }
+VANTDR_CATCH_ALL(false)
 
 time_t Cache::ModifiedTime() const {
   struct stat st;
@@ -166,14 +170,15 @@ bool Cache::IsTimeout(time_t modified) const {
   return static_cast<double>(timeout_) < difftime(now, modified);
 }
 
-int Cache::GetMaxUpdateTime() const {
+int Cache::GetMaxUpdateTime() const try {
   Json::Value doc;
   if (!JsonFromFile(doc, cachePath_) || !doc.isObject()) return 0;
   const Json::Value& max = doc["max_updated_time"];
   return max.isInt() ? max.asInt() : 0;
 }
+VANTDR_CATCH_ALL(0)
 
-bool Cache::Load() const {
+bool Cache::Load() const try {
   if (VLIBCFileExist(cachePath_.c_str()) != 1) {
     VLOG_DEBUG("no data is cached in [%s]", cachePath_.c_str());
     return false;
@@ -188,10 +193,11 @@ bool Cache::Load() const {
   loadedModifiedTime_ = modified;
   return true;
 }
+VANTDR_CATCH_ALL(false)
 
 Json::Value Cache::GetCachedData() const { return GetCachedData(ModifiedTime()); }
 
-Json::Value Cache::GetCachedData(time_t modified) const {
+Json::Value Cache::GetCachedData(time_t modified) const try {
   if (modified != -1 && modified == loadedModifiedTime_) return data_;
   if (!Load()) {
     data_ = GetDefaultValue();
@@ -199,8 +205,9 @@ Json::Value Cache::GetCachedData(time_t modified) const {
   }
   return data_;
 }
+VANTDR_CATCH_ALL(Json::Value())
 
-Json::Value Cache::Read() const {
+Json::Value Cache::Read() const try {
   const time_t modified = ModifiedTime();
   const bool unchanged = modified != -1 && modified == loadedModifiedTime_;
   Json::Value data = GetCachedData(modified);
@@ -212,10 +219,11 @@ Json::Value Cache::Read() const {
              JsonToString(GetCacheInfo()).c_str());
   return data;
 }
+VANTDR_CATCH_ALL(Json::Value())
 
 bool Cache::UpdateWithData(const Json::Value& data) const { return UpdateWithData(data, 0, 0); }
 
-bool Cache::UpdateWithData(const Json::Value& data, long begin, long finish) const {
+bool Cache::UpdateWithData(const Json::Value& data, long begin, long finish) const try {
   if (!IsValidData(data)) {
     VLOG_DEBUG("[%s] is not valid to update for cache [%s]", JsonToString(data).c_str(),
                JsonToString(GetCacheInfo()).c_str());
@@ -253,8 +261,9 @@ bool Cache::UpdateWithData(const Json::Value& data, long begin, long finish) con
     RandomSleepInMSec(300, 1000);
   }
 }
+VANTDR_CATCH_ALL(false)
 
-bool Cache::DoUpdate() const {
+bool Cache::DoUpdate() const try {
   const time_t begin = time(nullptr);
   for (long long attempt = 0;; ++attempt) {
     Json::Value data;
@@ -269,8 +278,9 @@ bool Cache::DoUpdate() const {
              JsonToString(GetCacheInfo()).c_str(), retryLimit_);
   return false;
 }
+VANTDR_CATCH_ALL(false)
 
-bool Cache::Update() const {
+bool Cache::Update() const try {
   const UpdatePaths paths(cachePath_);
   const bool required = IsUpdatedDataRequired();
 
@@ -286,9 +296,16 @@ bool Cache::Update() const {
         return false;
       }
       if (pid > 0) return true;
-      if (SetUpdating(paths)) {
-        DoUpdate();
-        UnsetUpdating(paths);
+      // The updater never returns into the caller's code, whatever happens.
+      try {
+        // Locks the caller holds must end when the caller lets them go, not
+        // when this updater exits.
+        CloseInheritedLockFiles();
+        if (SetUpdating(paths)) {
+          DoUpdate();
+          UnsetUpdating(paths);
+        }
+      } catch (...) {
       }
       _exit(0);
     }
@@ -313,6 +330,7 @@ bool Cache::Update() const {
   VLOG_DEBUG("finish to block wait cache [%s] ", paths.cache.c_str());
   return true;
 }
+VANTDR_CATCH_ALL(false)
 
 int Cache::Remove() { return unlink(cachePath_.c_str()); }
 

@@ -5,9 +5,11 @@
 #include <unistd.h>
 
 #include <fstream>
+#include <memory>
 #include <sstream>
 
 #include "foundation/durable_write.h"
+#include "foundation/no_throw.h"
 #include "vantcore/vlibc.h"
 #include "vantdr/json_text.h"
 #include "vantdr/log.h"
@@ -15,7 +17,7 @@
 
 namespace VantDRCore {
 
-bool File::Read(const std::string& path, Json::Value& value) {
+bool File::Read(const std::string& path, Json::Value& value) try {
   std::ifstream in(path);
   if (path.empty()) {
     VLOG_ERR("Invalid path");
@@ -35,8 +37,9 @@ bool File::Read(const std::string& path, Json::Value& value) {
   while (std::getline(in, line)) text += line;
   return JsonFromString(value, text);
 }
+VANTDR_CATCH_ALL(false)
 
-bool File::Write(const std::string& path, const Json::Value& value) {
+bool File::Write(const std::string& path, const Json::Value& value) try {
   if (path.empty()) {
     VLOG_ERR("Empty path to write.");
     return false;
@@ -63,21 +66,24 @@ bool File::Write(const std::string& path, const Json::Value& value) {
   }
   return false;
 }
+VANTDR_CATCH_ALL(false)
 
-bool File::Read(int fd, Json::Value& value) {
+bool File::Read(int fd, Json::Value& value) try {
   FILE* file = fdopen(fd, "r");
   if (file == nullptr) {
     VLOG_ERR("Failed to open file descriptor [%d]", fd);
     return false;
   }
+  std::unique_ptr<FILE, int (*)(FILE*)> stream(file, fclose);  // closed when a read throws too
   std::ostringstream text;
   char buffer[1024];
   while (fgets(buffer, sizeof(buffer), file) != nullptr) text << buffer;
-  fclose(file);
+  stream.reset();
   return JsonFromString(value, text.str());
 }
+VANTDR_CATCH_ALL(false)
 
-bool File::Write(int fd, const Json::Value& value) {
+bool File::Write(int fd, const Json::Value& value) try {
   FILE* file = fdopen(fd, "w");
   if (file == nullptr) {
     VLOG_ERR("Failed to open file descriptor [%d]", fd);
@@ -99,6 +105,7 @@ bool File::Write(int fd, const Json::Value& value) {
   fclose(file);
   return ok;
 }
+VANTDR_CATCH_ALL(false)
 
 bool File::IsRegularFile(int fd) {
   if (fd < 0) return false;
@@ -107,14 +114,15 @@ bool File::IsRegularFile(int fd) {
   return S_ISREG(st.st_mode);
 }
 
-std::string File::GetParentDir(const std::string& path) {
+std::string File::GetParentDir(const std::string& path) try {
   if (path.empty()) return std::string();
   const std::string::size_type slash = path.rfind('/');
   if (slash == std::string::npos) return path;
   return path.substr(0, slash);
 }
+VANTDR_CATCH_ALL(std::string())
 
-bool File::CreateDir(const std::string& path, int mode) {
+bool File::CreateDir(const std::string& path, int mode) try {
   if (path.empty()) return false;
   if (VLIBCFileCheckDir(path.c_str()) == 1) return true;
   // Three octal digits at most: set-id and sticky bits are refused as well.
@@ -140,6 +148,7 @@ bool File::CreateDir(const std::string& path, int mode) {
   }
   return true;
 }
+VANTDR_CATCH_ALL(false)
 
 bool File::RemoveDir(const std::string& path) {
   if (VLIBCFileCheckDir(path.c_str()) == 0) return true;
@@ -148,7 +157,7 @@ bool File::RemoveDir(const std::string& path) {
 
 template <typename K, typename V>
 bool File::parseLineKeyValue(const std::string& line, const std::string& separator, K& key,
-                             V& value, CheckedType) {
+                             V& value, CheckedType) try {
   if (line.empty() || separator.empty()) {
     VLOG_WARN("Bad Parameter.");
     return false;
@@ -164,9 +173,10 @@ bool File::parseLineKeyValue(const std::string& line, const std::string& separat
   if (!toType(keyText, key, K())) return false;
   return toType(valueText, value, V());
 }
+VANTDR_CATCH_ALL(false)
 
 template <typename K, typename V>
-int File::Read(const std::string& path, std::map<K, V>& map, CheckedType) {
+int File::Read(const std::string& path, std::map<K, V>& map, CheckedType) try {
   std::ifstream in(path);
   if (path.empty()) {
     VLOG_ERR("Invalid path");
@@ -190,6 +200,7 @@ int File::Read(const std::string& path, std::map<K, V>& map, CheckedType) {
   }
   return static_cast<int>(map.size());
 }
+VANTDR_CATCH_ALL(-1)
 
 template VANTDR_API int File::Read<std::string, std::string>(const std::string&,
                                                              std::map<std::string, std::string>&,

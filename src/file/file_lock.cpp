@@ -1,11 +1,17 @@
 #include "vantdr/file_lock.h"
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/file.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdint>
+#include <mutex>
+#include <vector>
 
+#include "file/lock_files.h"
+#include "foundation/no_throw.h"
 #include "vantdr/file.h"
 #include "vantdr/log.h"
 #include "vantdr/privileged_section.h"
@@ -22,25 +28,68 @@ const mode_t kLockFileMode = 644;
 
 const unsigned kPollMs = 50;
 
+// Descriptors of the lock files open in this process. The mutex is held
+// across fork so that a child never inherits it locked by another thread.
+struct OpenLockFiles {
+  std::mutex mutex;
+  std::vector<int> fds;
+
+  OpenLockFiles() {
+    pthread_atfork([] { Get().mutex.lock(); }, [] { Get().mutex.unlock(); },
+                   [] { Get().mutex.unlock(); });
+  }
+  static OpenLockFiles& Get() {
+    static OpenLockFiles* files = new OpenLockFiles();  // used by atfork handlers until exit
+    return *files;
+  }
+};
+
+void Remember(int fd) {
+  OpenLockFiles& files = OpenLockFiles::Get();
+  std::lock_guard<std::mutex> guard(files.mutex);
+  // A failed allocation only costs a forked updater the early release.
+  try {
+    files.fds.push_back(fd);
+  } catch (...) {
+  }
+}
+
+void CloseLockFile(int fd) {
+  OpenLockFiles& files = OpenLockFiles::Get();
+  {
+    std::lock_guard<std::mutex> guard(files.mutex);
+    files.fds.erase(std::remove(files.fds.begin(), files.fds.end(), fd), files.fds.end());
+  }
+  close(fd);
+}
+
 }  // namespace
+
+void CloseInheritedLockFiles() {
+  OpenLockFiles& files = OpenLockFiles::Get();
+  std::lock_guard<std::mutex> guard(files.mutex);
+  for (int fd : files.fds) close(fd);
+  files.fds.clear();
+}
 
 FileLock::FileLock() : fd_(-1) {}
 
 FileLock::FileLock(const std::string& name) : fd_(-1), path_(getLockFilePath(name)) {}
 
 FileLock::~FileLock() {
-  if (fd_ >= 0) close(fd_);
+  if (fd_ >= 0) CloseLockFile(fd_);
 }
 
-std::string FileLock::getLockFilePath(const std::string& name) {
+std::string FileLock::getLockFilePath(const std::string& name) try {
   if (name.empty()) {
     VLOG_ERR("Bad lock file[%s]", name.c_str());
     return std::string();
   }
   return std::string(kLockDir) + "/" + name;
 }
+VANTDR_CATCH_ALL(std::string())
 
-bool FileLock::setLockFile(const std::string& name) {
+bool FileLock::setLockFile(const std::string& name) try {
   if (name.empty()) {
     VLOG_ERR("Failed to set lock path [%s]", name.c_str());
     return false;
@@ -54,8 +103,9 @@ bool FileLock::setLockFile(const std::string& name) {
   VLOG_ERR("File [%s] has been open, can not set file path to [%s]", path_.c_str(), path.c_str());
   return false;
 }
+VANTDR_CATCH_ALL(false)
 
-bool FileLock::checkLockDir() const {
+bool FileLock::checkLockDir() const try {
   const std::string parent = File::GetParentDir(path_);
   if (parent.empty()) return false;
   if (!File::CreateDir(parent, 0755)) {
@@ -64,8 +114,9 @@ bool FileLock::checkLockDir() const {
   }
   return true;
 }
+VANTDR_CATCH_ALL(false)
 
-bool FileLock::openLockedFile() {
+bool FileLock::openLockedFile() try {
   if (path_.empty()) {
     VLOG_ERR("Bad Lock File");
     return false;
@@ -75,15 +126,17 @@ bool FileLock::openLockedFile() {
     return false;
   }
   if (File::IsRegularFile(fd_)) return true;
-  if (fd_ >= 0) close(fd_);
+  if (fd_ >= 0) CloseLockFile(fd_);
   fd_ = open(path_.c_str(), O_RDONLY | O_CREAT, kLockFileMode);
   if (fd_ < 0) {
     VLOG_ERR("Failed to open lock file[%s], errno=%m", path_.c_str());
     fd_ = -1;
     return false;
   }
+  Remember(fd_);
   return true;
 }
+VANTDR_CATCH_ALL(false)
 
 bool FileLock::lock(int operation, unsigned timeout) {
   bool locked = false;

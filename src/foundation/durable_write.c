@@ -245,13 +245,18 @@ static int Replace(const struct Target* t, enum Plan plan, const char* data, siz
     result = VANTDR_WRITE_WRITE;
   } else if (fsync(fd) != 0) {
     result = VANTDR_WRITE_SYNC;
-  } else if ((name[0] == '\0' && NameTemporary(fd, dirFd, name, sizeof name) != 0) ||
-             renameat(dirFd, name, dirFd, t->base) != 0) {
+  } else if (name[0] == '\0' && NameTemporary(fd, dirFd, name, sizeof name) != 0) {
     result = VANTDR_WRITE_OPEN;
   }
   int saved = errno;
   if (fd >= 0 && close(fd) != 0 && result == VANTDR_WRITE_DONE) {
     result = VANTDR_WRITE_FLUSH;
+    saved = errno;
+  }
+  /* Renamed only once nothing can fail any more: a failure must keep the
+   * old file, not report an error over the new one. */
+  if (result == VANTDR_WRITE_DONE && renameat(dirFd, name, dirFd, t->base) != 0) {
+    result = VANTDR_WRITE_OPEN;
     saved = errno;
   }
   if (result != VANTDR_WRITE_DONE && name[0] != '\0') unlinkat(dirFd, name, 0);

@@ -14,6 +14,7 @@
 #include <cstdint>
 
 #include "foundation/durable_write.h"
+#include "foundation/no_throw.h"
 #include "vantdr/log.h"
 
 namespace VantDRCore {
@@ -502,7 +503,7 @@ class Writer {
 
 }  // namespace
 
-bool JsonFromString(Json::Value& out, const std::string& text) {
+bool JsonFromString(Json::Value& out, const std::string& text) try {
   try {
     out = Json::Value();
     if (Reader(text.data(), text.data() + text.size()).Document(out)) return true;
@@ -511,8 +512,9 @@ bool JsonFromString(Json::Value& out, const std::string& text) {
   out = Json::Value();
   return false;
 }
+VANTDR_CATCH_ALL(false)
 
-std::string JsonToString(const Json::Value& value) {
+std::string JsonToString(const Json::Value& value) try {
   // Text grows in a buffer kept per thread and leaves as one exact copy:
   // growing a fresh string each time costs a megabyte document more in page
   // faults than the writing itself. Buffers past 2 MiB are not kept.
@@ -531,12 +533,17 @@ std::string JsonToString(const Json::Value& value) {
   }
   return std::string();
 }
+VANTDR_CATCH_ALL(std::string())
 
-bool JsonFromFile(Json::Value& out, const std::string& path) {
+bool JsonFromFile(Json::Value& out, const std::string& path) try {
   out = Json::Value();
   // Plain reads: iostreams throw on some read errors (a directory, EIO).
   int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) return false;
+  struct Closer {
+    int fd;
+    ~Closer() { close(fd); }
+  } closer{fd};
   std::string text;
   struct stat st;
   if (fstat(fd, &st) == 0 && st.st_size > 0) text.reserve(static_cast<size_t>(st.st_size));
@@ -545,20 +552,20 @@ bool JsonFromFile(Json::Value& out, const std::string& path) {
   while ((n = read(fd, buffer, sizeof buffer)) != 0) {
     if (n < 0) {
       if (errno == EINTR) continue;
-      close(fd);
       return false;
     }
     text.append(buffer, static_cast<size_t>(n));
   }
-  close(fd);
   return JsonFromString(out, text);
 }
+VANTDR_CATCH_ALL(false)
 
-bool JsonToFile(const Json::Value& value, const std::string& path) {
+bool JsonToFile(const Json::Value& value, const std::string& path) try {
   if (path.empty()) return false;
   const std::string text = JsonToString(value);
   if (text.empty()) return false;  // too deep to read back: JsonToString said so
   return WriteFileDurably(path, text + "\n") == DurableWriteStep::kDone;
 }
+VANTDR_CATCH_ALL(false)
 
 }  // namespace VantDRCore

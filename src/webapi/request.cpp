@@ -3,6 +3,7 @@
 #include <cstring>
 #include <utility>
 
+#include "foundation/no_throw.h"
 #include "vantdr/log.h"
 
 namespace VantDRCore {
@@ -70,7 +71,7 @@ Request::Request(const Json::Value& request) : Request() { setRequest(request); 
 
 Request::~Request() = default;
 
-void Request::setRequest(const Json::Value& request) {
+void Request::setRequest(const Json::Value& request) try {
   if (!request.isObject()) {
     // Nothing here can be a parameter: start from an empty request rather
     // than keep a scalar that no later addParam or toJson could use.
@@ -87,6 +88,7 @@ void Request::setRequest(const Json::Value& request) {
   }
   params_ = std::move(params);
 }
+VANTDR_CATCH_ALL()
 
 void Request::clear() {
   version_ = kDefaultVersion;
@@ -119,7 +121,7 @@ bool Request::isValidKey(const std::string& key) {
   return key != "api" && key != "method" && key != "version";
 }
 
-bool Request::addParam(const std::string& key, const Json::Value& value) {
+bool Request::addParam(const std::string& key, const Json::Value& value) try {
   if (!isValidKey(key)) return false;
   if (!CanHoldMembers(params_)) {
     VLOG_WARN("cannot add [%s]: parameters are a %s", key.c_str(), TypeName(params_));
@@ -129,8 +131,9 @@ bool Request::addParam(const std::string& key, const Json::Value& value) {
   params_[key] = std::move(copy);
   return true;
 }
+VANTDR_CATCH_ALL(false)
 
-bool Request::addParam(const Json::Value& params) {
+bool Request::addParam(const Json::Value& params) try {
   // A null or scalar value yields no entries, like an empty object or array:
   // nothing to merge, hence nothing that failed.
   if (params.begin() == params.end()) return true;
@@ -157,10 +160,11 @@ bool Request::addParam(const Json::Value& params) {
   }
   return failures == 0;
 }
+VANTDR_CATCH_ALL(false)
 
 bool Request::isValid() const { return !api_.empty() && !method_.empty() && version_ > 0; }
 
-Json::Value Request::toJson() const {
+Json::Value Request::toJson() const try {
   Json::Value out(Json::objectValue);
   if (params_.isObject()) {
     out = params_;
@@ -172,7 +176,11 @@ Json::Value Request::toJson() const {
   out["version"] = Json::Int(version_);
   return out;
 }
+VANTDR_CATCH_ALL(Json::Value())
 
-std::string Request::toStr() const { return api_ + "/" + method_ + "/" + std::to_string(version_); }
+std::string Request::toStr() const try {
+  return api_ + "/" + method_ + "/" + std::to_string(version_);
+}
+VANTDR_CATCH_ALL(std::string())
 
 }  // namespace VantDRCore

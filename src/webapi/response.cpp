@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "foundation/no_throw.h"
 #include "vantdr/json_text.h"
 
 namespace VantDRCore {
@@ -43,14 +44,16 @@ Response::~Response() = default;
 
 bool Response::setResp(const std::string& text) { return JsonFromString(resp_, text); }
 
-bool Response::setResp(const char* text) {
+bool Response::setResp(const char* text) try {
   return JsonFromString(resp_, text == nullptr ? std::string() : std::string(text));
 }
+VANTDR_CATCH_ALL(false)
 
-void Response::setResp(const Json::Value& answer) {
+void Response::setResp(const Json::Value& answer) try {
   Json::Value copy(answer);  // `answer` may be part of resp_
   resp_.swap(copy);
 }
+VANTDR_CATCH_ALL()
 
 void Response::clear() {
   // Json::Value::clear throws on a non-null scalar.
@@ -75,12 +78,13 @@ int Response::getErrCode() const {
   return code->asInt();
 }
 
-Json::Value Response::getErrMsg() const {
+Json::Value Response::getErrMsg() const try {
   if (!isValid()) return Json::Value();
   const Json::Value* errors = Member(resp_, "error");
   if (errors != nullptr) errors = Member(*errors, "errors");
   return errors != nullptr ? *errors : Json::Value();
 }
+VANTDR_CATCH_ALL(Json::Value())
 
 Json::Value Response::getErr() const { return getField("error"); }
 
@@ -103,22 +107,24 @@ const Json::Value& Response::getDataField(const char* key) const {
   return field != nullptr ? *field : null_;
 }
 
-std::string Response::getDataFieldtoStr(const char* key) const {
+std::string Response::getDataFieldtoStr(const char* key) const try {
   const Json::Value& field = getDataField(key);
   return field.isString() ? field.asString() : std::string();
 }
+VANTDR_CATCH_ALL(std::string())
 
 bool Response::isPollFinish() const { return ReadBool(Member(getData(), "finish")); }
 
 bool Response::isPollSuccess() const { return ReadBool(Member(getData(), "success")); }
 
-std::string Response::getTaskId() const {
+std::string Response::getTaskId() const try {
   const Json::Value& id = getDataField("task_id");
   // Scalars convert as JsonCpp's asString does (42 gives "42", true gives
   // "true"); objects and arrays, which it cannot convert, give "".
   if (id.isObject() || id.isArray()) return std::string();
   return id.asString();
 }
+VANTDR_CATCH_ALL(std::string())
 
 bool Response::hasAdditional() const { return hasDataField("additional"); }
 

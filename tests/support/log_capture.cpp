@@ -39,6 +39,14 @@ void CaptureSink(int priority, const char* line) { g_lines.push_back(Parse(prior
 
 }  // namespace
 
+bool CarriesMessage(const LogLine& line, const std::string& message) {
+  const size_t kMaxLine = 64 * 1024;
+  const std::string full = line.text.substr(0, line.text.size() - line.message.size()) + message;
+  if (full.size() <= kMaxLine) return line.text == full;
+  return line.text ==
+         full.substr(0, kMaxLine) + "...[cut, " + std::to_string(full.size()) + " bytes in all]";
+}
+
 LogCapture::LogCapture() {
   g_lines.clear();
   VantDRCore::SetLogSink(CaptureSink);

@@ -20,6 +20,10 @@ struct LogLine {
   std::string message;
 };
 
+// Whether `line` is how the library logs `message`: whole, or, for a line
+// over 64 KiB, its first 64 KiB followed by "...[cut, N bytes in all]".
+bool CarriesMessage(const LogLine& line, const std::string& message);
+
 class LogCapture {
  public:
   LogCapture();   // installs the capturing sink; only one at a time

@@ -1,0 +1,781 @@
+// Every public operation that touches files or processes, run once per
+// system call it makes with that call failing, for each errno walked. After
+// each failure the operation must have returned its failure result or
+// succeeded, thrown nothing, added at most its own log lines, leaked no
+// descriptor, left no temporary file, and kept the previous document whole.
+//
+// The default walk fails one errno per call (rotating); VANTDR_FAULTS=full
+// walks every errno on every call.
+#include <dirent.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <memory>
+#include <set>
+#include <sstream>
+
+#include "support/fault_injection.h"
+#include "support/log_capture.h"
+#include "support/process.h"
+#include "support/temp_dir.h"
+#include "vantcore/vlibc.h"
+#include "vantdr/cache.h"
+#include "vantdr/file.h"
+#include "vantdr/file_lock.h"
+#include "vantdr/json_text.h"
+#include "vantdr/response.h"
+#include "vantdr/sqlite_db.h"
+
+using namespace VantDRCore;
+using namespace VantDRTest;
+
+namespace {
+
+bool FullWalk() {
+  const char* mode = getenv("VANTDR_FAULTS");
+  return mode != nullptr && std::string(mode) == "full";
+}
+
+int OpenDescriptors() {
+  int count = 0;
+  if (DIR* dir = opendir("/proc/self/fd")) {
+    while (readdir(dir) != nullptr) ++count;
+    closedir(dir);
+  }
+  return count;
+}
+
+std::set<std::string> Entries(const std::string& path) {
+  std::set<std::string> names;
+  if (DIR* dir = opendir(path.c_str())) {
+    while (dirent* entry = readdir(dir)) names.insert(entry->d_name);
+    closedir(dir);
+  }
+  return names;
+}
+
+Json::Value Doc(int v) {
+  Json::Value doc;
+  doc["v"] = v;
+  doc["text"] = std::string(static_cast<size_t>(v) * 40, 'x');
+  return doc;
+}
+
+Json::Value ReadDoc(const std::string& path) {
+  Json::Value doc;
+  if (!JsonFromString(doc, ReadText(path))) return Json::Value("unreadable");
+  return doc;
+}
+
+// Observes a lock without the interposed calls: true when `path` is locked.
+bool LockedElsewhere(const std::string& path) {
+  const int fd = static_cast<int>(syscall(SYS_openat, AT_FDCWD, path.c_str(), O_RDONLY));
+  if (fd < 0) return false;
+  const bool locked = syscall(SYS_flock, fd, LOCK_EX | LOCK_NB) != 0;
+  syscall(SYS_close, fd);
+  return locked;
+}
+
+// A cache for the walk: fetches {"v":2,...} at once and writes exactly once.
+// With a gate (a pipe), a forked fetch waits for the end of file, so the
+// caller never races its own updater.
+struct WalkCache : Cache {
+  WalkCache(const std::string& dir, bool required, const int* gate = nullptr)
+      : Cache(dir, "walk", 100, required, -1), gate(gate) {}
+  Json::Value GetCacheInfo() const override { return "walk"; }
+  bool GetUpdatedData(Json::Value& data) const override {
+    if (gate != nullptr) {
+      char c;
+      close(gate[1]);
+      while (read(gate[0], &c, 1) > 0) {
+      }
+    }
+    data = Doc(2);
+    return true;
+  }
+  bool IsValidData(const Json::Value& data) const override {
+    return data.isObject() && data.isMember("v");
+  }
+  const int* gate;
+};
+
+// The data in a cache file, or "unreadable" for a torn or missing document.
+Json::Value CachedData(const std::string& path) {
+  const Json::Value doc = ReadDoc(path);
+  return doc.isObject() && doc.isMember("cached_data") ? doc["cached_data"]
+                                                       : Json::Value("unreadable");
+}
+
+void StaleCache(const std::string& dir) {
+  WalkCache cache(dir, false);
+  cache.UpdateWithData(Doc(1));
+  const struct timespec old[2] = {{1000000000, 0}, {1000000000, 0}};
+  utimensat(AT_FDCWD, cache.GetCachePath().c_str(), old, 0);
+  unlink((cache.GetCachePath() + ".pid").c_str());
+}
+
+// One operation of the walk.
+struct Operation {
+  std::string name;
+  std::function<void()> setup;  // runs without faults, before the descriptor count
+  std::function<bool()> run;    // under the fault; true for the success result
+  // Runs without faults after `run`; "" when the state is right. `clean` is
+  // true for the fault-free run, where the operation must fully succeed.
+  std::function<std::string(bool ok, bool clean)> check;
+  int extraLines = 1;  // log lines a failure may add to a clean run's
+  // Entries of the directory a failure may leave, besides those there before.
+  std::function<std::set<std::string>(Faults::Call)> leftovers = [](Faults::Call) {
+    return std::set<std::string>();
+  };
+};
+
+struct WalkResult {
+  int cases = 0;
+  std::set<std::pair<std::string, int>> callsWalked;  // (operation, call kind)
+  std::set<int> errnosWalked;
+  std::vector<std::string> problems;
+};
+
+class Walker {
+ public:
+  Walker(const std::string& dir, const std::vector<Faults::Call>& calls)
+      : dir_(dir), calls_(calls) {}
+
+  void Walk(const Operation& op) {
+    std::map<Faults::Call, int> counts;
+    size_t cleanLines = 0;
+    {
+      // A first run makes what persists between runs (the lock directory).
+      op.setup();
+      op.check(op.run(), true);
+      op.setup();
+      LogCapture log;
+      Faults::Arm();
+      const bool ok = op.run();
+      Faults::Disarm();
+      for (Faults::Call call : calls_) counts[call] = Faults::Count(call);
+      cleanLines = log.Lines().size();
+      const std::string problem = op.check(ok, true);
+      if (!ok || !problem.empty()) Problem(op.name + " without faults: " + problem);
+    }
+    int rotation = 0;
+    for (Faults::Call call : calls_) {
+      for (int nth = 1; nth <= counts[call]; ++nth) {
+        result_.callsWalked.insert({op.name, call});
+        const std::vector<int>& all = Faults::Errnos();
+        if (FullWalk()) {
+          for (int error : all) Case(op, call, nth, error, cleanLines);
+        } else {
+          Case(op, call, nth, all[rotation++ % all.size()], cleanLines);
+        }
+      }
+    }
+  }
+
+  const WalkResult& result() const { return result_; }
+
+ private:
+  void Problem(const std::string& text) { result_.problems.push_back(text); }
+
+  void Case(const Operation& op, Faults::Call call, int nth, int error, size_t cleanLines) {
+    ++result_.cases;
+    result_.errnosWalked.insert(error);
+    std::ostringstream where;
+    where << op.name << " with " << Faults::Name(call) << " #" << nth << " failing "
+          << Faults::ErrnoName(error) << ": ";
+    const int descriptors = OpenDescriptors();
+    op.setup();
+    const std::set<std::string> before = Entries(dir_);
+    LogCapture log;
+    bool ok = false;
+    Faults::Arm(call, nth, error);
+    try {
+      ok = op.run();
+    } catch (...) {
+      Faults::Disarm();
+      Problem(where.str() + "an exception escaped");
+      return;
+    }
+    Faults::Disarm();
+    // The calls before the nth are those of the fault-free run.
+    if (!Faults::Fired()) Problem(where.str() + "the call was never made");
+    if (log.Lines().size() > cleanLines + static_cast<size_t>(op.extraLines)) {
+      Problem(where.str() + std::to_string(log.Lines().size()) +
+              " log lines, first: " + log.Lines().front().text);
+    }
+    const std::string problem = op.check(ok, false);
+    if (!problem.empty()) Problem(where.str() + problem);
+    const int after = OpenDescriptors();
+    if (after != descriptors) {
+      Problem(where.str() + std::to_string(after - descriptors) + " descriptors leaked");
+    }
+    const std::set<std::string> allowed = op.leftovers(call);
+    for (const std::string& name : Entries(dir_)) {
+      if (before.count(name) == 0 && allowed.count(name) == 0) {
+        Problem(where.str() + "left " + name);
+        unlink((dir_ + "/" + name).c_str());
+      }
+    }
+  }
+
+  std::string dir_;
+  std::vector<Faults::Call> calls_;
+  WalkResult result_;
+};
+
+std::string Expect(bool holds, const std::string& what) { return holds ? "" : what; }
+
+std::vector<Operation> FileOperations(const std::string& home) {
+  const std::string doc = home + "/doc.json", fresh = home + "/fresh.json";
+  const std::string kv = home + "/settings.conf", sub = home + "/sub";
+  auto fd = std::make_shared<int>(-1);
+  auto value = std::make_shared<Json::Value>();
+  auto map = std::make_shared<std::map<std::string, int>>();
+  auto count = std::make_shared<int>(0);
+  // After a descriptor form, the caller's descriptor is closed exactly when
+  // the stream could be made; the walk closes what is left.
+  auto descriptorState = [fd](bool opened) -> std::string {
+    const bool open = fcntl(*fd, F_GETFD) >= 0;
+    if (open) close(*fd);
+    return Expect(open != opened, opened ? "descriptor left open" : "descriptor closed");
+  };
+  auto streamMade = [] { return !Faults::FiredOn(Faults::kOpen); };
+  std::vector<Operation> ops;
+  ops.push_back({"File::Write(path)", [=] { File::Write(doc, Doc(1)); },
+                 [=] { return File::Write(doc, Doc(2)); },
+                 [=](bool ok, bool) {
+                   return Expect(ReadDoc(doc) == Doc(ok ? 2 : 1),
+                                 "document is not the expected one");
+                 }});
+  ops.push_back({"File::Write(path) of a new file", [=] { unlink(fresh.c_str()); },
+                 [=] { return File::Write(fresh, Doc(2)); },
+                 [=](bool ok, bool) {
+                   return ok ? Expect(ReadDoc(fresh) == Doc(2), "document not written")
+                             : Expect(access(fresh.c_str(), F_OK) != 0, "failure left a file");
+                 },
+                 1, [](Faults::Call) { return std::set<std::string>{"fresh.json"}; }});
+  // Where a replacement would show, the document is written in place: the
+  // links stay whatever fails, a failure to open keeps the old document (a
+  // later failure may leave it cut, as fopen's truncation does).
+  const std::string target = home + "/target.json", link = home + "/link.json";
+  const std::string twin = home + "/twin.json";
+  auto inPlace = [=](const std::string& path, bool ok) {
+    struct stat st;
+    const bool links = lstat(link.c_str(), &st) == 0 && S_ISLNK(st.st_mode) &&
+                       stat(twin.c_str(), &st) == 0 && st.st_nlink == 2;
+    const Json::Value now = ReadDoc(path);
+    return Expect(links, "a link was replaced") +
+           Expect(!ok || now == Doc(2), "document not written") +
+           Expect(ok || !Faults::FiredOn(Faults::kOpen) || now == Doc(1),
+                  "a failure to open changed the document");
+  };
+  auto linked = [=] {
+    File::Write(target, Doc(1));
+    if (access(link.c_str(), F_OK) != 0) (void)!symlink("target.json", link.c_str());
+    if (access(twin.c_str(), F_OK) != 0) (void)!::link(target.c_str(), twin.c_str());
+  };
+  ops.push_back({"File::Write(path) through a symbolic link", linked,
+                 [=] { return File::Write(link, Doc(2)); },
+                 [=](bool ok, bool) { return inPlace(link, ok); }});
+  ops.push_back({"File::Write(path) of a file with two names", linked,
+                 [=] { return File::Write(twin, Doc(2)); },
+                 [=](bool ok, bool) { return inPlace(target, ok); }});
+  ops.push_back({"File::Read(path)",
+                 [=] {
+                   File::Write(doc, Doc(1));
+                   *value = Json::Value("untouched");
+                 },
+                 [=] { return File::Read(doc, *value); },
+                 [=](bool ok, bool) {
+                   return Expect(!ok || *value == Doc(1), "read a different document") +
+                          Expect(ReadDoc(doc) == Doc(1), "reading changed the file");
+                 }});
+  ops.push_back({"File::Write(fd)",
+                 [=] {
+                   File::Write(doc, Doc(1));
+                   *fd = open(doc.c_str(), O_WRONLY | O_TRUNC);
+                 },
+                 [=] { return File::Write(*fd, Doc(2)); },
+                 [=](bool ok, bool) {
+                   // In place by contract: only a success promises the document.
+                   return descriptorState(streamMade()) +
+                          Expect(!ok || ReadDoc(doc) == Doc(2), "document not written");
+                 }});
+  ops.push_back({"File::Read(fd)",
+                 [=] {
+                   File::Write(doc, Doc(1));
+                   *fd = open(doc.c_str(), O_RDONLY);
+                   *value = Json::Value();
+                 },
+                 [=] { return File::Read(*fd, *value); },
+                 [=](bool ok, bool) {
+                   return descriptorState(streamMade()) +
+                          Expect(!ok || *value == Doc(1), "read a different document");
+                 }});
+  ops.push_back({"File::Read<string,int>",
+                 [=] {
+                   WriteText(kv, "a=1\nb=2\nbad line\n");
+                   *map = {{"stale", 9}};
+                 },
+                 [=] {
+                   *count = File::Read(kv, *map);
+                   return *count >= 0;
+                 },
+                 [=](bool ok, bool clean) {
+                   // A read that fails part-way ends the file early, as end of file does.
+                   const std::map<std::string, int> all = {{"a", 1}, {"b", 2}};
+                   if (!ok) return std::string();
+                   if (clean) return Expect(*map == all && *count == 2, "entries differ");
+                   for (const auto& entry : *map) {
+                     if (all.count(entry.first) == 0 || all.at(entry.first) != entry.second) {
+                       return std::string("entry ") + entry.first + " is wrong";
+                     }
+                   }
+                   return Expect(*count == static_cast<int>(map->size()), "count differs");
+                 },
+                 2});
+  ops.push_back({"File::CreateDir", [=] { File::RemoveDir(sub); },
+                 [=] { return File::CreateDir(sub + "/leaf", 0750); },
+                 [=](bool ok, bool) {
+                   struct stat st;
+                   return Expect(!ok || (stat((sub + "/leaf").c_str(), &st) == 0 &&
+                                         S_ISDIR(st.st_mode) && (st.st_mode & 0777) == 0750),
+                                 "directory missing after success");
+                 },
+                 1, [](Faults::Call) { return std::set<std::string>{"sub"}; }});
+  return ops;
+}
+
+std::vector<Operation> LockAndCacheOperations(const std::string& home, const std::string& name) {
+  const std::string lockPath = FileLock::getLockFilePath(name);
+  const std::string cachePath = home + "/walk.cached", pidPath = cachePath + ".pid";
+  auto heldWhileLocked = std::make_shared<bool>(false);
+  auto served = std::make_shared<Json::Value>();
+  std::vector<Operation> ops;
+  ops.push_back({"FileLock lock/unlock", [=] { *heldWhileLocked = true; },
+                 [=] {
+                   FileLock lock(name);
+                   const bool locked = lock.lock(LOCK_EX | LOCK_NB, 0);
+                   if (locked) *heldWhileLocked = LockedElsewhere(lockPath);
+                   lock.unlock();
+                   return locked;
+                 },
+                 [=](bool, bool) {
+                   return Expect(*heldWhileLocked, "lock() returned true without the lock") +
+                          Expect(!LockedElsewhere(lockPath), "the lock outlived its FileLock");
+                 },
+                 2});
+  ops.push_back({"Cache::UpdateWithData", [=] { StaleCache(home); },
+                 [=] { return WalkCache(home, false).UpdateWithData(Doc(2)); },
+                 [=](bool ok, bool) {
+                   return Expect(CachedData(cachePath) == Doc(ok ? 2 : 1),
+                                 "cache file does not hold the expected data");
+                 },
+                 2});
+  // The pid file stays, naming this live process, only when its unlink failed.
+  auto pidLeftover = [](Faults::Call call) {
+    return call == Faults::kUnlink ? std::set<std::string>{"walk.cached.pid"}
+                                   : std::set<std::string>();
+  };
+  ops.push_back({"Cache::Update in place", [=] { StaleCache(home); },
+                 [=] { return WalkCache(home, true).Update(); },
+                 [=](bool, bool clean) {
+                   unlink(pidPath.c_str());
+                   // A failed first look at the pid file counts as someone else
+                   // updating: the caller waits until nobody is, and gets true.
+                   const Json::Value data = CachedData(cachePath);
+                   return Expect(data == Doc(2) || (!clean && data == Doc(1)),
+                                 "cache file holds " + JsonToString(data));
+                 },
+                 3, pidLeftover});
+  // The forked updater holds the write end of `quiet`; its end of file says
+  // the updater has finished, so the next case starts from a quiet cache. It
+  // fetches only once the caller has closed `gate`.
+  auto pipes = std::make_shared<std::array<int, 4>>();
+  int* quiet = pipes->data();
+  int* gate = pipes->data() + 2;
+  ops.push_back({"Cache::Read forking the updater",
+                 [=] {
+                   StaleCache(home);
+                   if (pipe(quiet) != 0 || pipe(gate) != 0) pipes->fill(-1);
+                 },
+                 [=] {
+                   *served = WalkCache(home, false, gate).Read();
+                   return true;
+                 },
+                 [=](bool, bool clean) {
+                   close(gate[1]);
+                   close(quiet[1]);
+                   struct pollfd end = {quiet[0], POLLIN, 0};
+                   const bool finished = poll(&end, 1, 20000) == 1;
+                   close(quiet[0]);
+                   close(gate[0]);
+                   const Json::Value data = CachedData(cachePath);
+                   return Expect(finished, "the updater did not finish") +
+                          // A cache file that cannot be read serves the default.
+                          Expect(*served == Doc(1) ||
+                                     (served->isNull() && (Faults::FiredOn(Faults::kOpen) ||
+                                                           Faults::FiredOn(Faults::kRead))),
+                                 "served " + JsonToString(*served)) +
+                          Expect(data == Doc(2) || (!clean && data == Doc(1)),
+                                 "cache file holds " + JsonToString(data)) +
+                          Expect(access(pidPath.c_str(), F_OK) != 0, "pid file left");
+                 },
+                 2});
+  ops.push_back({"pid file", [=] { WriteText(pidPath, "1\n"); },
+                 [=] { return VLIBCProcPidFileCreate(pidPath.c_str()) == 0; },
+                 [=](bool ok, bool) {
+                   const std::string text = ReadText(pidPath);
+                   unlink(pidPath.c_str());
+                   return Expect(text == (ok ? std::to_string(getpid()) + "\n" : "1\n"),
+                                 "pid file holds [" + text + "]");
+                 },
+                 0});
+  return ops;
+}
+
+const SqliteTableHandler kRows("row", "id INTEGER PRIMARY KEY, name TEXT");
+
+int RowsIn(const std::string& path) {
+  SqliteDB db(path, 0, "walk");
+  int count = -1;
+  return db.GetCount(kRows, count) ? count : -1;
+}
+
+std::vector<Operation> SqliteOperations(const std::string& home) {
+  const std::string path = home + "/walk.db";
+  auto seed = [path] {
+    for (const char* suffix : {"", "-journal"}) unlink((path + suffix).c_str());
+    SqliteDB db(path, 0, "walk");
+    for (int id = 1; id <= 2; ++id) {
+      InsertCommand insert;
+      insert.SetTable(kRows);
+      insert.AddFieldValue("id", id);
+      insert.AddFieldValue("name", "row" + std::to_string(id));
+      db.InsertRecord(insert);
+    }
+  };
+  auto rows = std::make_shared<std::vector<SqliteValueList>>();
+  std::vector<Operation> ops;
+  ops.push_back({"SqliteDB::InsertRecord", seed,
+                 [=] {
+                   SqliteDB db(path, 0, "walk");
+                   InsertCommand insert;
+                   insert.SetTable(kRows);
+                   insert.AddFieldValue("id", 3);
+                   insert.AddFieldValue("name", std::string("row3"));
+                   return db.InsertRecord(insert);
+                 },
+                 [=](bool ok, bool) {
+                   // Another connection rolls back what a failed write left.
+                   const int count = RowsIn(path);
+                   return Expect(count == (ok ? 3 : 2), "rows: " + std::to_string(count));
+                 },
+                 3});
+  ops.push_back({"SqliteDB::SelectRecords", seed,
+                 [=] {
+                   rows->clear();
+                   SqliteDB db(path, 0, "walk");
+                   SelectCommand select;
+                   select.SetTable(kRows);
+                   select.SelectAll();
+                   return db.SelectRecords(select, *rows);
+                 },
+                 [=](bool ok, bool) {
+                   return Expect(!ok || rows->size() == 2,
+                                 "rows: " + std::to_string(rows->size())) +
+                          Expect(RowsIn(path) == 2, "the database changed");
+                 },
+                 3});
+  return ops;
+}
+
+std::string Summary(const WalkResult& result, const std::string& what) {
+  std::set<std::string> ops;
+  std::set<int> calls;
+  for (const auto& walked : result.callsWalked) {
+    ops.insert(walked.first);
+    calls.insert(walked.second);
+  }
+  std::ostringstream out;
+  out << "fault walk (" << what << ", " << (FullWalk() ? "full" : "short") << "): " << ops.size()
+      << " operations x " << calls.size() << " kinds of call (" << result.callsWalked.size()
+      << " operation/call pairs) x " << result.errnosWalked.size()
+      << " errno values = " << result.cases << " cases, " << result.problems.size() << " failing";
+  return out.str();
+}
+
+const std::vector<Faults::Call> kFileCalls = {
+    Faults::kOpen,   Faults::kRead,   Faults::kWrite, Faults::kFsync, Faults::kClose,
+    Faults::kRename, Faults::kUnlink, Faults::kFlock, Faults::kFork,  Faults::kPipe2};
+
+// A directory for the walk, in memory when /dev/shm allows: the walk syncs
+// thousands of files.
+class WalkDir {
+ public:
+  WalkDir() {
+    for (const char* stem : {"/dev/shm/vantdr_walk.XXXXXX", "/tmp/vantdr_walk.XXXXXX"}) {
+      std::string path = stem;
+      if (mkdtemp(&path[0]) != nullptr) {
+        path_ = path;
+        break;
+      }
+    }
+  }
+  ~WalkDir() {
+    if (path_.empty()) return;
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+    std::filesystem::remove_all("/tmp/.vantdr_lock" + path_, ignored);
+  }
+  const std::string& path() const { return path_; }
+
+ private:
+  std::string path_;
+};
+
+class FaultWalk : public ::testing::Test {
+ protected:
+  FaultWalk() { alarm(FullWalk() ? 1200 : 120); }
+  ~FaultWalk() override { alarm(0); }
+
+  void Report(const WalkResult& result, const std::string& what) {
+    const std::string summary = Summary(result, what);
+    std::printf("%s\n", summary.c_str());
+    RecordProperty("summary", summary);
+    EXPECT_GT(result.cases, 0);
+    for (const std::string& problem : result.problems) ADD_FAILURE() << problem;
+  }
+};
+
+TEST_F(FaultWalk, FilesLocksCachesAndDatabases) {
+  if (geteuid() != 0) GTEST_SKIP() << "the lock directory and the cache need root";
+  WalkDir dir;
+  ASSERT_FALSE(dir.path().empty());
+  const std::string lock = UniqueName("walk_lock");
+  Walker walker(dir.path(), kFileCalls);
+  for (const auto& ops : {FileOperations(dir.path()), LockAndCacheOperations(dir.path(), lock),
+                          SqliteOperations(dir.path())}) {
+    for (const Operation& op : ops) walker.Walk(op);
+  }
+  Report(walker.result(), "as root");
+  unlink(FileLock::getLockFilePath(lock).c_str());
+}
+
+// The privileged section's raise and restore, failed in a process whose
+// effective ids are not root's.
+TEST_F(FaultWalk, PrivilegedSectionsOfAnotherUser) {
+  if (geteuid() != 0) GTEST_SKIP() << "switching users needs root";
+  WalkDir dir;
+  ASSERT_FALSE(dir.path().empty());
+  chmod(dir.path().c_str(), 0777);
+  const std::string report = dir.path() + "/report", lock = UniqueName("walk_lock");
+  const ChildResult child = RunUnprivileged([&] {
+    Walker walker(dir.path(), {Faults::kSetresuid, Faults::kSetresgid});
+    std::vector<Operation> ops = FileOperations(dir.path());
+    std::vector<Operation> locks = LockAndCacheOperations(dir.path(), lock);
+    std::vector<Operation> walked = {ops[8], locks[0], locks[1]};  // CreateDir, lock, cache write
+    for (Operation& op : walked) {
+      // A failed raise runs the operation with the caller's ids and logs two
+      // lines; a failed restore leaves root, which the next case undoes.
+      op.extraLines += 4;
+      const auto setup = op.setup;
+      op.setup = [setup] {
+        if (setresuid(-1, 0, -1) != 0 || setresgid(-1, 0, -1) != 0) _exit(97);
+        setup();
+        if (setresgid(-1, 65534, -1) != 0 || setresuid(-1, 65534, -1) != 0) _exit(97);
+      };
+      walker.Walk(op);
+    }
+    std::ostringstream out;
+    out << Summary(walker.result(), "as another user") << "\n";
+    for (const std::string& problem : walker.result().problems) out << problem << "\n";
+    return WriteText(report, out.str()) ? 0 : 1;
+  });
+  EXPECT_EQ(child.exitCode, 0);
+  std::istringstream lines(ReadText(report));
+  std::string summary, problem;
+  std::getline(lines, summary);
+  std::printf("%s\n", summary.c_str());
+  EXPECT_NE(summary.find(" 0 failing"), std::string::npos) << summary;
+  while (std::getline(lines, problem)) ADD_FAILURE() << problem;
+  unlink(FileLock::getLockFilePath(lock).c_str());
+}
+
+}  // namespace
+
+namespace {
+
+const size_t kHuge = 1 << 20;  // stands for the gigabyte lines met in the field
+const size_t kLarge = 256 << 10;
+
+// Runs `op` once, then once per allocation of at least kLarge bytes with that
+// allocation failing. Returns the problems found.
+std::vector<std::string> WalkAllocations(const std::string& name,
+                                         const std::function<void()>& setup,
+                                         const std::function<bool()>& op,
+                                         const std::function<std::string(bool ok)>& check,
+                                         size_t extraLines = 1) {
+  std::vector<std::string> problems;
+  setup();
+  size_t cleanLines = 0;
+  int large = 0;
+  {
+    LogCapture log;
+    Faults::FailAllocation(kLarge, 0);
+    const bool ok = op();
+    large = Faults::LargeAllocations();
+    Faults::FailAllocation(0, 0);
+    cleanLines = log.Lines().size();
+    if (!ok || !check(true).empty()) problems.push_back(name + " fails without faults");
+  }
+  if (large == 0) problems.push_back(name + " made no large allocation");
+  std::printf("allocation walk: %s, %d allocations of %zu bytes or more failed in turn\n",
+              name.c_str(), large, kLarge);
+  for (int nth = 1; nth <= large; ++nth) {
+    const std::string where =
+        name + " with large allocation #" + std::to_string(nth) + " failing: ";
+    setup();
+    const int descriptors = OpenDescriptors();
+    LogCapture log;
+    bool ok = false;
+    Faults::FailAllocation(kLarge, nth);
+    try {
+      ok = op();
+    } catch (...) {
+      problems.push_back(where + "an exception escaped");
+    }
+    Faults::FailAllocation(0, 0);
+    if (log.Lines().size() > cleanLines + extraLines) {
+      std::string lines;
+      for (const LogLine& line : log.Lines()) lines += "\n  " + line.text.substr(0, 200);
+      problems.push_back(where + "too many log lines:" + lines);
+    }
+    const std::string problem = check(ok);
+    if (!problem.empty()) problems.push_back(where + problem);
+    if (OpenDescriptors() != descriptors) problems.push_back(where + "descriptor leaked");
+  }
+  return problems;
+}
+
+class HugeInput : public ::testing::Test {
+ protected:
+  void SetUp() override { ASSERT_FALSE(dir.path().empty()); }
+  std::string File(const std::string& name) const { return dir.path() + "/" + name; }
+  WalkDir dir;
+};
+
+// A line is cut at 64 KiB and says how long it was; shorter lines are whole.
+TEST_F(HugeInput, LogLinesAreCutAt64KiB) {
+  const std::string path = File("kv"), line(100 * 1024, 'x');
+  ASSERT_TRUE(WriteText(path, line + "\nk=v\n"));
+  LogCapture log;
+  std::map<std::string, std::string> map;
+  EXPECT_EQ(File::Read(path, map), 1);
+  ASSERT_EQ(log.Lines().size(), 2u);
+  const std::vector<std::string> messages = {
+      "Cannot find separator[=] in line[" + line + "]",
+      "Failed to parse line[" + line + "] from file [" + path + "]"};
+  for (size_t i = 0; i < 2; ++i) {
+    const LogLine& cut = log.Lines()[i];
+    EXPECT_TRUE(CarriesMessage(cut, messages[i])) << i;
+    EXPECT_EQ(cut.text.substr(64 * 1024, 9), "...[cut, ") << i;
+  }
+  log.Clear();
+  const std::string fits(64 * 1024 - 200, 'y');
+  ASSERT_TRUE(WriteText(path, fits + "\n"));
+  EXPECT_EQ(File::Read(path, map), 0);
+  ASSERT_EQ(log.Lines().size(), 2u);
+  EXPECT_EQ(log.Lines()[0].message, "Cannot find separator[=] in line[" + fits + "]");
+}
+
+// Every allocation that grows with the input fails in turn: no exception
+// leaves the library, the result is a failure or a success, one line at most
+// is added, and the previous document stays.
+TEST_F(HugeInput, FailedAllocationsBecomeFailureResults) {
+  const std::string kv = File("kv"), doc = File("doc.json");
+  const std::string huge(kHuge, 'x');
+  Json::Value big;
+  big["v"] = huge;
+  std::vector<std::string> problems;
+  auto add = [&](const std::vector<std::string>& found) {
+    problems.insert(problems.end(), found.begin(), found.end());
+  };
+  std::map<std::string, std::string> map;
+  int count = 0;
+  add(WalkAllocations(
+      "File::Read<string,string>",
+      [&] { WriteText(kv, "a=1\nk=" + huge + "\n" + huge + "\nb=2\n"); },
+      [&] {
+        count = File::Read(kv, map);
+        return count >= 0;
+      },
+      [&](bool ok) {
+        // A line that could not be held ends the read, as a failed read does.
+        if (!ok) return std::string();
+        for (const auto& entry : map) {
+          const bool right = (entry.first == "a" && entry.second == "1") ||
+                             (entry.first == "k" && entry.second == huge) ||
+                             (entry.first == "b" && entry.second == "2");
+          if (!right) return "wrong entry " + entry.first;
+        }
+        return std::string(static_cast<int>(map.size()) == count ? "" : "count differs");
+      },
+      2));  // the line that could not be held is a parse failure, logged as such
+  Json::Value read;
+  add(WalkAllocations(
+      "File::Read(path)", [&] { WriteText(doc, JsonToString(big)); },
+      [&] { return File::Read(doc, read); },
+      [&](bool ok) { return std::string(!ok || read == big ? "" : "read a different document"); }));
+  add(WalkAllocations(
+      "File::Write(path)", [&] { File::Write(doc, Doc(1)); }, [&] { return File::Write(doc, big); },
+      [&](bool ok) {
+        return std::string(ReadDoc(doc) == (ok ? big : Doc(1)) ? "" : "document lost");
+      }));
+  add(WalkAllocations(
+      "Cache::UpdateWithData", [&] { StaleCache(dir.path()); },
+      [&] { return WalkCache(dir.path(), false).UpdateWithData(big); },
+      [&](bool ok) {
+        const std::string cachePath = File("walk.cached");
+        return std::string(CachedData(cachePath) == (ok ? big : Doc(1)) ? "" : "document lost");
+      },
+      2));  // and the line of the failed write
+  Json::Value served;
+  add(WalkAllocations(
+      "Cache::GetCachedData",
+      [&] {
+        WalkCache cache(dir.path(), false);
+        cache.UpdateWithData(big);
+      },
+      [&] {
+        served = WalkCache(dir.path(), false).GetCachedData();
+        return !served.isNull();
+      },
+      [&](bool ok) { return std::string(!ok || served == big ? "" : "served a different value"); },
+      3));  // and the two lines of the failed load
+  Json::Value answer;
+  answer["success"] = true;
+  answer["data"] = big;
+  const std::string answerText = JsonToString(answer);
+  Response response;
+  add(WalkAllocations(
+      "Response::setResp", [&] { response.clear(); },
+      [&] { return response.setResp(answerText.c_str()); },
+      [&](bool ok) {
+        return std::string(!ok || response.getData() == big ? "" : "answer half parsed");
+      }));
+  for (const std::string& problem : problems) ADD_FAILURE() << problem;
+  std::filesystem::remove_all("/tmp/.vantdr_lock" + dir.path());
+}
+
+}  // namespace
