@@ -15,6 +15,7 @@
 
 #include "support/process.h"
 #include "support/test_cache.h"
+#include "support/timing.h"
 #include "vantcore/vlibc.h"
 #include "vantdr/file_lock.h"
 #include "vantdr/sqlite_db.h"
@@ -92,7 +93,7 @@ TEST_F(StressTest, SimultaneousStaleReadersFetchOnceAndAKilledUpdaterBlocksNothi
                 16,
                 [&](int) {
                   const auto begin = Clock::now();
-                  return cache.Read() == Data(1) && Since(begin) < 1.0 ? 0 : 1;
+                  return cache.Read() == Data(1) && Since(begin) < Bound(1.0) ? 0 : 1;
                 },
                 served),
             0);
