@@ -63,7 +63,8 @@ TEST_F(StressTest, ConcurrentInsertsLoseNoRow) {
       kProcs,
       [&](int p) {
         setlogmask(LOG_UPTO(LOG_NOTICE));  // one INFO line per insert otherwise
-        SqliteDB db(dir.File("s.db"), 5, "stress");
+        // Each retry is about a second of waiting: emulated, a turn comes later.
+        SqliteDB db(dir.File("s.db"), static_cast<unsigned>(5 * TimeScale()), "stress");
         InsertCommand insert;
         insert.SetTable(table);
         insert.AddFieldValue("who", p);
