@@ -22,6 +22,10 @@ if(NOT IS_DIRECTORY "${VANTDR_ARMHF_SYSROOT}/usr/lib/arm-linux-gnueabihf")
 endif()
 set(_vantdr_armhf_libdir "${VANTDR_ARMHF_SYSROOT}/usr/lib/arm-linux-gnueabihf")
 
+# GCC notes that std::map iterators are passed differently since GCC 7.1:
+# nothing here is linked with code that old.
+set(CMAKE_CXX_FLAGS_INIT "-Wno-psabi")
+
 set(CMAKE_FIND_ROOT_PATH "${VANTDR_ARMHF_SYSROOT}" "${VANTDR_ARMHF_CROSS_ROOT}")
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
