@@ -8,7 +8,6 @@
 #include <unistd.h>
 
 #include <cstdint>
-#include <exception>
 #include <memory>
 #include <sstream>
 
@@ -197,29 +196,24 @@ bool JsonFromFile(Json::Value& out, const std::string& path) {
   int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) return false;
   std::string text;
-  // A file larger than memory, or than a 32-bit size_t, fails as a read does.
-  try {
-    struct stat st;
-    if (fstat(fd, &st) == 0 && st.st_size > 0) {
-      if (static_cast<uint64_t>(st.st_size) > text.max_size()) {
-        close(fd);
-        return false;
-      }
-      text.reserve(static_cast<size_t>(st.st_size));
-    }
-    char buffer[65536];
-    ssize_t n;
-    while ((n = read(fd, buffer, sizeof buffer)) != 0) {
-      if (n < 0) {
-        if (errno == EINTR) continue;
-        close(fd);
-        return false;
-      }
-      text.append(buffer, static_cast<size_t>(n));
-    }
-  } catch (const std::exception&) {
+  struct stat st;
+  // More than a string holds (possible with a 32-bit size_t) is refused, not
+  // truncated into a wrong reservation.
+  const bool sized = fstat(fd, &st) == 0 && st.st_size > 0;
+  if (sized && static_cast<uint64_t>(st.st_size) > text.max_size()) {
     close(fd);
     return false;
+  }
+  if (sized) text.reserve(static_cast<size_t>(st.st_size));
+  char buffer[65536];
+  ssize_t n;
+  while ((n = read(fd, buffer, sizeof buffer)) != 0) {
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      close(fd);
+      return false;
+    }
+    text.append(buffer, static_cast<size_t>(n));
   }
   close(fd);
   return JsonFromString(out, text);
