@@ -18,8 +18,11 @@ inline void QuietLogs() { VantDRCore::SetLogSink(DropLogLine); }
 // A private directory for the process, created once.
 inline const std::string& WorkDir() {
   static const std::string dir = [] {
-    char pattern[] = "/tmp/vantdr_fuzz.XXXXXX";
-    return std::string(mkdtemp(pattern) != nullptr ? pattern : "/tmp");
+    // Under TMPDIR when set, so that scripts/fuzz removes only its own run's files.
+    const char* base = getenv("TMPDIR");
+    std::string pattern =
+        std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/vantdr_fuzz.XXXXXX";
+    return std::string(mkdtemp(pattern.data()) != nullptr ? pattern.c_str() : "/tmp");
   }();
   return dir;
 }

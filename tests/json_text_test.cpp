@@ -1,12 +1,18 @@
 #include "vantdr/json_text.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cmath>
+#include <cstdint>
 #include <string>
+#include <vector>
 
 #include "gtest/gtest.h"
+#include "support/log_capture.h"
 #include "support/temp_dir.h"
+#include "vantdr/file.h"
 
 namespace {
 
@@ -48,9 +54,64 @@ TEST(JsonTextTest, AcceptsExactlyRfc8259) {
   EXPECT_FALSE(JsonFromString(v, std::string("\"nul\0byte\"", 10)));  // raw control byte
 }
 
+// Whole numbers keep JsonCpp's types (Int64, then UInt64, then real), reals
+// are correctly rounded, and a lone high surrogate is refused.
+TEST(JsonTextTest, ReadsNumbersAndEscapesToTheirTypes) {
+  struct Case {
+    const char* text;
+    Json::ValueType type;
+    const char* written;
+  };
+  // clang-format off
+  const Case cases[] = {
+      {"0", Json::intValue, "0"},
+      {"-0", Json::intValue, "0"},
+      {"-0.0", Json::realValue, "-0.0"},
+      {"9223372036854775807", Json::intValue, "9223372036854775807"},
+      {"9223372036854775808", Json::uintValue, "9223372036854775808"},
+      {"18446744073709551615", Json::uintValue, "18446744073709551615"},
+      {"18446744073709551616", Json::realValue, "1.8446744073709552e+19"},
+      {"-9223372036854775808", Json::intValue, "-9223372036854775808"},
+      {"-9223372036854775809", Json::realValue, "-9.2233720368547758e+18"},
+      {"1E2", Json::realValue, "100.0"},
+      {"0.1", Json::realValue, "0.10000000000000001"},
+      {"1e-400", Json::realValue, "0.0"},
+      {"4.9e-324", Json::realValue, "4.9406564584124654e-324"},
+      {"1.7976931348623157e308", Json::realValue, "1.7976931348623157e+308"},
+      {"\"\\ud83d\\ude00\"", Json::stringValue, "\"\xf0\x9f\x98\x80\""},
+      {"\"\\ud800\\u0041\"", Json::stringValue, "\"\xf0\x90\x81\x81\""},  // any second half
+      {"\"\\udc00\"", Json::stringValue, "\"\xed\xb0\x80\""},
+      {"\"a\\u0000b\\/\"", Json::stringValue, "\"a\\u0000b/\""},
+      {"{\"k\":[1],\"k\":{\"x\":2}}", Json::objectValue, "{\"k\":{\"x\":2}}"},
+  };
+  // clang-format on
+  for (const Case& c : cases) {
+    Json::Value v;
+    ASSERT_TRUE(JsonFromString(v, c.text)) << c.text;
+    EXPECT_EQ(v.type(), c.type) << c.text;
+    EXPECT_EQ(JsonToString(v), c.written) << c.text;
+  }
+  for (const char* text :
+       {"1e999", "-1e999", "\"\\ud800\"", "\"\\ud800xxxxxx\"", "\"\\ud800\\n\\u0041\""}) {
+    Json::Value v = 1;
+    EXPECT_FALSE(JsonFromString(v, text)) << text;
+    EXPECT_TRUE(v.isNull()) << text;
+  }
+  Json::Value v;
+  ASSERT_TRUE(JsonFromString(v, "[18446744073709551615, -1, 2.5, \"\\u00e9\"]"));
+  EXPECT_EQ(v[0].asUInt64(), 18446744073709551615ULL);
+  EXPECT_EQ(v[1].asInt64(), -1);
+  EXPECT_EQ(v[2].asDouble(), 2.5);
+  EXPECT_EQ(v[3].asString(), "\xc3\xa9");
+}
+
 TEST(JsonTextTest, NestingIsBoundedWithoutCrashing) {
   Json::Value v;
-  EXPECT_TRUE(JsonFromString(v, std::string(500, '[') + std::string(500, ']')));
+  // The root is at depth 0 and nothing may lie deeper than 512.
+  EXPECT_TRUE(JsonFromString(v, std::string(513, '[') + std::string(513, ']')));
+  EXPECT_FALSE(JsonFromString(v, std::string(514, '[') + std::string(514, ']')));
+  EXPECT_TRUE(JsonFromString(v, std::string(512, '[') + "1" + std::string(512, ']')));
+  EXPECT_FALSE(JsonFromString(v, std::string(513, '[') + "1" + std::string(513, ']')));
   EXPECT_FALSE(JsonFromString(v, std::string(100000, '[') + std::string(100000, ']')));
   EXPECT_FALSE(JsonFromString(v, std::string(100000, '[')));
 }
@@ -72,6 +133,93 @@ TEST(JsonTextTest, WritesCompactTextThatParsesBackEqual) {
   EXPECT_EQ(JsonToString(Json::Value("a")), "\"a\"");
   EXPECT_EQ(JsonToString(Json::Value()), "null");
   EXPECT_EQ(JsonToString(Json::Value(Json::objectValue)), "{}");
+}
+
+// Exactly the text JsonCpp's stream writer gives, down to the odd cases.
+TEST(JsonTextTest, WritesRealsEscapesHolesAndCommentsAsBefore) {
+  Json::Value v(Json::arrayValue);
+  v.append(1.0);
+  v.append(-0.0);
+  v.append(1e21);
+  v.append(std::nan(""));
+  v.append(HUGE_VAL);
+  v.append(-HUGE_VAL);
+  v.append(Json::Int64(INT64_MIN));
+  v.append(std::string("\x01\x1f\x7f\xff\"\\/\b\f\n\r\t\0", 13));
+  EXPECT_EQ(JsonToString(v),
+            "[1.0,-0.0,1e+21,null,1e+9999,-1e+9999,-9223372036854775808,"
+            "\"\\u0001\\u001f\x7f\xff\\\"\\\\/\\b\\f\\n\\r\\t\\u0000\"]");
+
+  Json::Value holes(Json::arrayValue);
+  holes[3] = "x";  // indexes 0 to 2 never set
+  EXPECT_EQ(JsonToString(holes), "[null,null,null,\"x\"]");
+
+  Json::Value commented(Json::objectValue);
+  commented["a"] = 1;
+  commented["b"] = Json::Value(Json::arrayValue);
+  commented["b"].append(2);
+  commented["b"].append(3);
+  commented.setComment(std::string("/*r*/"), Json::commentBefore);
+  commented["a"].setComment(std::string("// same"), Json::commentAfterOnSameLine);
+  commented["b"].setComment(std::string("/*b*/"), Json::commentBefore);
+  commented["b"][0].setComment(std::string("// after"), Json::commentAfter);
+  EXPECT_EQ(JsonToString(commented), "/*r*/{\"a\":1, // same/*b*/\"b\":[2,// after3]}");
+}
+
+Json::Value Nested(int depth) {
+  Json::Value root(Json::arrayValue);
+  Json::Value* leaf = &root;
+  for (int i = 1; i < depth; ++i) leaf = &leaf->append(Json::Value(Json::arrayValue));
+  return root;
+}
+
+// JsonCpp destroys a value recursively: a caller-built chain this deep must
+// be taken apart one level at a time.
+void Dismantle(Json::Value& v) {
+  while (v.isArray() && !v.empty()) {
+    Json::Value inner;
+    inner.swap(v[0u]);
+    v.swap(inner);
+  }
+}
+
+TEST(JsonTextTest, WritesOnlyWhatReadsBack) {
+  TempDir dir;
+  VantDRTest::LogCapture log;
+  // 513 arrays: the innermost lies at depth 512, the deepest the reader takes.
+  Json::Value deepest = Nested(513);
+  const std::string text = JsonToString(deepest);
+  EXPECT_EQ(text, std::string(513, '[') + std::string(513, ']'));
+  Json::Value back;
+  ASSERT_TRUE(JsonFromString(back, text));
+  EXPECT_EQ(back, deepest);
+  ASSERT_TRUE(JsonToFile(deepest, dir.File("deepest.json")));
+  ASSERT_TRUE(JsonFromFile(back, dir.File("deepest.json")));
+  EXPECT_EQ(back, deepest);
+  ASSERT_TRUE(VantDRCore::File::Write(dir.File("by_path"), deepest));
+  ASSERT_TRUE(VantDRCore::File::Read(dir.File("by_path"), back));
+  EXPECT_EQ(back, deepest);
+  EXPECT_TRUE(log.Lines().empty());
+
+  const std::string refused =
+      "ERR JsonToString: Refused to write a value nested deeper than 512 levels";
+  for (int depth : {514, 100000}) {
+    SCOPED_TRACE(depth);
+    Json::Value deep = Nested(depth);
+    log.Clear();
+    EXPECT_EQ(JsonToString(deep), "");
+    EXPECT_FALSE(JsonToFile(deep, dir.File("deep.json")));
+    EXPECT_FALSE(VantDRCore::File::Write(dir.File("by_path"), deep));
+    const int fd = open(dir.File("by_fd").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    ASSERT_GE(fd, 0);
+    EXPECT_FALSE(VantDRCore::File::Write(fd, deep));
+    EXPECT_EQ(fcntl(fd, F_GETFD), -1);  // closed, as after every fdopen
+    EXPECT_EQ(log.Summary(), (std::vector<std::string>(4, refused)));
+    EXPECT_EQ(access(dir.File("deep.json").c_str(), F_OK), -1);
+    EXPECT_EQ(VantDRTest::ReadText(dir.File("by_path")), text);  // the old document stays
+    EXPECT_EQ(VantDRTest::ReadText(dir.File("by_fd")), "");
+    Dismantle(deep);
+  }
 }
 
 TEST(JsonTextTest, FilesAreReplacedWholeAndFailuresLeaveTheOldFile) {
@@ -109,7 +257,7 @@ TEST(JsonTextTest, FilesAreReplacedWholeAndFailuresLeaveTheOldFile) {
 
   // A write that cannot happen leaves the old document in place.
   ASSERT_EQ(mkdir(dir.File("blocker.json").c_str(), 0755), 0);
-  EXPECT_FALSE(JsonToFile(doc, dir.File("blocker.json")));  // rename over a directory fails
+  EXPECT_FALSE(JsonToFile(doc, dir.File("blocker.json")));  // a directory is not writable
   EXPECT_FALSE(JsonToFile(doc, dir.File("missing/doc.json")));
   EXPECT_FALSE(JsonToFile(doc, ""));
   ASSERT_TRUE(JsonFromFile(back, path));
@@ -124,21 +272,6 @@ TEST(JsonTextTest, FilesAreReplacedWholeAndFailuresLeaveTheOldFile) {
   EXPECT_FALSE(JsonFromFile(back, path));
   EXPECT_TRUE(back.isNull());
   EXPECT_FALSE(JsonFromFile(back, dir.path()));
-}
-
-TEST(JsonTextTest, LinksPlantedAtTemporaryNamesAreNeverFollowed) {
-  TempDir dir;
-  const std::string victim = dir.File("victim");
-  const std::string path = dir.File("cache.json");
-  ASSERT_TRUE(VantDRTest::WriteText(victim, "untouched"));
-  const std::string stem = path + ".tmp." + std::to_string(getpid()) + ".";
-  for (int i = 0; i < 100; ++i)
-    ASSERT_EQ(symlink(victim.c_str(), (stem + std::to_string(i)).c_str()), 0);
-  EXPECT_FALSE(JsonToFile(Json::Value("x"), path));
-  EXPECT_EQ(VantDRTest::ReadText(victim), "untouched");
-  for (int i = 0; i < 100; ++i) unlink((stem + std::to_string(i)).c_str());
-  EXPECT_TRUE(JsonToFile(Json::Value("x"), path));
-  EXPECT_EQ(VantDRTest::ReadText(victim), "untouched");
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdio>
 #include <cstring>
 #include <set>
 #include <string>
@@ -102,6 +103,11 @@ TEST(PlatformTest, FileTestsAndTrim) {
   EXPECT_EQ(VLIBCFileExist(dir.path().c_str()), 1);
   EXPECT_EQ(VLIBCFileExist(dir.File("missing").c_str()), 0);
   EXPECT_EQ(VLIBCFileExist(""), 0);
+  const std::string link = dir.File("link");
+  ASSERT_EQ(symlink(dir.File("missing").c_str(), link.c_str()), 0);
+  EXPECT_EQ(VLIBCFileExist(link.c_str()), 0);
+  ASSERT_EQ(rename(file.c_str(), dir.File("missing").c_str()), 0);
+  EXPECT_EQ(VLIBCFileExist(link.c_str()), 1);
 
   char text[] = " \t uuid text \r\n";
   EXPECT_STREQ(VLIBCStrTrim(text, 0, 0), "uuid text");

@@ -75,4 +75,32 @@ TEST(SqliteCondition, InFamilyValidityFollowsTheKeywordOnly) {
       log.Summary());
 }
 
+TEST(SqliteCondition, ComparisonsAndLikeFollowEqual) {
+  LogCapture log;
+  EXPECT_EQ(
+      (Lines{"a<5", "a<=-3", "size>4000000000", "ok>=1", "name LIKE 'x%'", "name LIKE 'it''s _%'"}),
+      (Lines{SqliteLess("a", 5).GetText(), SqliteLessEqual("a", -3).GetText(),
+             SqliteGreater("size", 4000000000u).GetText(), SqliteGreaterEqual("ok", true).GetText(),
+             SqliteLike("name", std::string("x%")).GetText(),
+             SqliteLike("name", std::string("it's _%")).GetText()}));
+  EXPECT_TRUE(log.Lines().empty());
+  // Refusals keep the text (empty when constructing) and log from SetValue.
+  SqliteLess less("a", 1);
+  EXPECT_FALSE(less.SetValue("", 2) || less.SetValue("b", SqliteValue()));
+  EXPECT_EQ("a<1", less.GetText());
+  EXPECT_TRUE(less.SetValue("b", 2));  // replaces, never appends
+  EXPECT_EQ("b<2", less.GetText());
+  const SqliteLessEqual noField("", 1);
+  const SqliteGreater noValue("a", SqliteValue());
+  const SqliteGreaterEqual big("a", SqliteValue(1LL << 33));  // valid: formats to ""
+  const SqliteLike noPattern("", std::string("%"));
+  EXPECT_FALSE(noField.IsValid() || noValue.IsValid() || noPattern.IsValid());
+  EXPECT_EQ("a>=", big.GetText());
+  EXPECT_EQ(
+      (Lines{"ERR SetValue: Bad lvalue[] or rvalue[2]", "ERR SetValue: Bad lvalue[b] or rvalue[]",
+             "ERR SetValue: Bad lvalue[] or rvalue[1]", "ERR SetValue: Bad lvalue[a] or rvalue[]",
+             "ERR SetValue: Bad lvalue[] or rvalue['%']"}),
+      log.Summary());
+}
+
 }  // namespace

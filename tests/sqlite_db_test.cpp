@@ -5,9 +5,11 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <string>
 
 #include "support/log_capture.h"
 #include "support/process.h"
+#include "support/sqlite_lock.h"
 #include "support/temp_dir.h"
 #include "vantdr/json_text.h"
 
@@ -35,24 +37,16 @@ SelectCommand AllJobs(const SqliteCondition& condition) {
   return select;
 }
 
+// Attaches `path` as aux, holding a job table with the row (1, 'aux').
+std::string AttachJobs(const std::string& path) {
+  return "ATTACH '" + path +
+         "' AS aux; CREATE TABLE aux.job (id INTEGER, name TEXT);"
+         "INSERT INTO aux.job VALUES (1, 'aux');";
+}
+
 // A child holding BEGIN EXCLUSIVE on `path` for 1.5 s; returns once it holds.
 pid_t HoldExclusive(const std::string& path) {
-  int fds[2];
-  char c;
-  if (pipe(fds) != 0) return -1;
-  const pid_t pid = VantDRTest::StartChild([&]() {
-    sqlite3* handle = nullptr;
-    sqlite3_open(path.c_str(), &handle);
-    int rc = sqlite3_exec(handle, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr);
-    if (rc == SQLITE_OK && write(fds[1], "x", 1) == 1) usleep(1500 * 1000);
-    if (rc == SQLITE_OK) rc = sqlite3_exec(handle, "COMMIT", nullptr, nullptr, nullptr);
-    sqlite3_close(handle);
-    return rc;
-  });
-  close(fds[1]);
-  const bool held = read(fds[0], &c, 1) == 1;
-  close(fds[0]);
-  return held ? pid : -1;
+  return VantDRTest::HoldSqliteLock(path, "BEGIN EXCLUSIVE");
 }
 
 }  // namespace
@@ -197,4 +191,178 @@ TEST(SqliteDB, ReusedQueriesFollowSchemaChangesMadeElsewhere) {
   SqliteValueList row;
   ASSERT_TRUE(db.SelectByCommand("SELECT * FROM t", row));
   EXPECT_EQ(row.ToStr(), "b:'x'");
+
+  // A name found in an attached database, then created in main elsewhere:
+  // main's table is read once this connection has seen the new schema.
+  ASSERT_TRUE(db.Exec(AttachJobs(tmp.File("aux.db"))));
+  const SelectCommand select = AllJobs(SqliteEqual("id", 1));
+  ASSERT_TRUE(db.SelectByCommand(select.GetCommand(), row));
+  EXPECT_EQ(row.ToStr(), "id:1, name:'aux'");
+  sqlite3_open(path.c_str(), &other);
+  ASSERT_EQ(sqlite3_exec(other,
+                         "CREATE TABLE job (id INTEGER, name TEXT);"
+                         "INSERT INTO job VALUES (1, 'main');",
+                         nullptr, nullptr, nullptr),
+            SQLITE_OK);
+  sqlite3_close(other);
+  ASSERT_TRUE(db.SelectRecord(select, row));  // its table check reads main's schema
+  EXPECT_EQ(row.ToStr(), "id:1, name:'main'");
+  ASSERT_TRUE(db.SelectByCommand(select.GetCommand() + " ", row));
+  EXPECT_EQ(row.ToStr(), "id:1, name:'main'");
+}
+
+// Every read below is what a statement prepared at that moment returns.
+TEST(SqliteDB, ReusedQueriesFollowSchemaChangesMadeHere) {
+  VantDRTest::TempDir tmp;
+  SqliteDB db(tmp.File("main.db"), 0, "t");
+  const std::string text = AllJobs(SqliteEqual("id", 1)).GetCommand();
+  auto read = [&](const std::string& sql) {
+    SqliteValueList row;
+    return db.SelectByCommand(sql, row) ? row.ToStr() : "failed";
+  };
+  ASSERT_TRUE(db.Exec(AttachJobs(tmp.File("aux.db"))));
+  EXPECT_EQ(read(text) + "|" + read(text + " "), "id:1, name:'aux'|id:1, name:'aux'");
+  ASSERT_TRUE(db.InsertRecord(Job(1, "main")));  // its table check creates main.job
+  EXPECT_EQ(read(text) + "|" + read(text + " "), "id:1, name:'main'|id:1, name:'main'");
+  SqliteValueList row;
+  EXPECT_TRUE(db.SelectRecord(AllJobs(SqliteEqual("id", 1)), row));
+  EXPECT_EQ(row.ToStr(), "id:1, name:'main'");
+
+  // A temporary table shadows main's; a rollback takes it away again.
+  const std::string tempJob =
+      "CREATE TEMP TABLE job (id INTEGER, name TEXT); INSERT INTO temp.job VALUES (1, 'temp');";
+  ASSERT_TRUE(db.Exec("BEGIN; " + tempJob));
+  EXPECT_EQ(read(text), "id:1, name:'temp'");
+  ASSERT_TRUE(db.Exec("ROLLBACK"));
+  EXPECT_EQ(read(text), "id:1, name:'main'");
+  ASSERT_TRUE(db.Exec(tempJob));
+  EXPECT_EQ(read(text), "id:1, name:'temp'");
+  ASSERT_TRUE(db.Exec("DROP TABLE temp.job; DROP TABLE main.job"));
+  EXPECT_EQ(read(text), "id:1, name:'aux'");
+  ASSERT_TRUE(db.Exec("DETACH aux"));
+  EXPECT_EQ(read(text), "failed");
+  EXPECT_EQ(JsonToString(db.GetErr()),
+            "{\"err_code\":404,\"err_msg\":{\"sqlite_errcode\":1,\"sqlite_errmsg\":\"no such "
+            "table: job\"}}");
+}
+
+TEST(SqliteDB, TextIsReadUpToItsFirstNul) {
+  VantDRTest::TempDir tmp;
+  SqliteDB db(tmp.File("nul.db"), 0, "t");
+  ASSERT_TRUE(db.InsertRecord(Job(1, "placeholder")));
+  ASSERT_TRUE(db.Exec("UPDATE job SET name = CAST(x'610062' AS TEXT) WHERE id = 1"));
+  SqliteValueList row;
+  ASSERT_TRUE(db.SelectRecord(AllJobs(SqliteEqual("id", 1)), row));
+  std::string name;
+  EXPECT_TRUE(row.GetValue("name", name) && name == "a");
+  // The record read back is written back as it is.
+  InsertCommand copy;
+  copy.SetTable(kJobs);
+  copy.SetFieldValues(row);
+  copy.SetReplacable(true);
+  ASSERT_TRUE(db.InsertRecord(copy));
+  ASSERT_TRUE(db.SelectByCommand("SELECT id, length(CAST(name AS BLOB)) AS bytes FROM job", row));
+  EXPECT_EQ(row.ToStr(), "bytes:1, id:1");
+}
+
+TEST(SqliteDB, TextWithoutStatementOrConnection) {
+  VantDRTest::TempDir tmp;
+  SqliteDB db(tmp.File("empty.db"), 2, "t");
+  // Without a connection a single attempt records SQLite's answer for a
+  // null handle.
+  const std::string closed = "{\"err_code\":21,\"err_msg\":\"out of memory\"}";
+  SqliteValueList row;
+  Rows rows;
+  EXPECT_FALSE(db.DoExecSqliteCommand("SELECT 1"));
+  EXPECT_EQ(JsonToString(db.GetErr()), closed);
+  db.SetErr(0);
+  EXPECT_FALSE(db.DoSelectSqliteRecord("SELECT 1", row));
+  EXPECT_EQ(JsonToString(db.GetErr()), closed);
+  db.SetErr(0);
+  EXPECT_FALSE(db.DoSelectSqliteRecords("SELECT 1", rows));
+  EXPECT_EQ(JsonToString(db.GetErr()), closed);
+
+  // Blanks, ";" or a comment run as nothing, but select nothing: misuse, no retry.
+  const std::string err =
+      "{\"err_code\":404,\"err_msg\":{\"sqlite_errcode\":21,\"sqlite_errmsg\":\"not an "
+      "error\"}}";
+  for (const std::string text : {" \n ", ";", "-- only a comment"}) {
+    SCOPED_TRACE(text);
+    EXPECT_TRUE(db.Exec(text));
+    EXPECT_EQ(db.GetErrCode(), 0);
+    VantDRTest::LogCapture log;
+    EXPECT_FALSE(db.SelectByCommand(text, row));
+    EXPECT_EQ(JsonToString(db.GetErr()), err);
+    EXPECT_FALSE(db.SelectByCommand(text, rows));
+    EXPECT_EQ(JsonToString(db.GetErr()), err);
+    const std::string tail = "[" + text + "] with err [" + err + "]";
+    EXPECT_EQ(
+        log.Summary(),
+        (Lines{"ERR SelectByCommand: Reach retry limit [0], failed to select command" + tail,
+               "ERR SelectByCommand: Reach retry limit [0], failed to exec command " + tail}));
+  }
+  EXPECT_TRUE(row.Empty() && rows.empty());
+  db.Close();
+  EXPECT_FALSE(db.DoExecSqliteCommand("SELECT 1"));
+  EXPECT_EQ(JsonToString(db.GetErr()), closed);
+}
+
+namespace {
+
+// Answers each GetCommand() with the next of its texts and counts the calls.
+class ScriptedCommand : public SqliteCommand {
+ public:
+  explicit ScriptedCommand(const Lines& texts) : texts_(texts) { SetTable(kJobs); }
+  std::string GetCommand() const override {
+    return calls_ < texts_.size() ? texts_[calls_++] : std::string();
+  }
+  bool IsValid() const override { return true; }
+  void DumpParam(std::stringstream&) const override {}
+  size_t calls() const { return calls_; }
+
+ private:
+  Lines texts_;
+  mutable size_t calls_ = 0;
+};
+
+}  // namespace
+
+TEST(SqliteDB, CommandIsAskedForTheLogLineAndAgainForTheRun) {
+  VantDRTest::TempDir tmp;
+  SqliteDB db(tmp.File("cmd.db"), 0, "[cmd]");
+  VantDRTest::LogCapture log;
+  ScriptedCommand command(
+      {"INSERT INTO job VALUES (1, 'logged')", "INSERT INTO job VALUES (1, 'run')"});
+  ASSERT_TRUE(db.Exec(command));
+  EXPECT_EQ(command.calls(), 2u);
+  EXPECT_EQ(log.Messages("INFO"), (Lines{"[cmd] Exec cmd: INSERT INTO job VALUES (1, 'logged')",
+                                         "[cmd] Exec cmd success"}));
+  SqliteValueList row;
+  ASSERT_TRUE(db.SelectByCommand("SELECT name FROM job", row));
+  EXPECT_EQ(row.ToStr(), "name:'run'");
+}
+
+TEST(SqliteDB, DanglingLinkIsNoDatabase) {
+  VantDRTest::TempDir tmp;
+  const std::string target = tmp.File("target.db");
+  const std::string link = tmp.File("link.db");
+  ASSERT_EQ(symlink(target.c_str(), link.c_str()), 0);
+  SqliteDB db(link, 0, "t");
+  db.SetErr(123, "earlier");
+  Rows rows;
+  SqliteValueList row;
+  const SelectCommand select = AllJobs(SqliteEqual("id", 1));
+  EXPECT_FALSE(db.IsExisted());
+  EXPECT_FALSE(db.SelectRecords(select, rows) || db.SelectRecord(select, row));
+  EXPECT_EQ(JsonToString(db.GetErr()), "{\"err_code\":123,\"err_msg\":\"earlier\"}");
+  EXPECT_TRUE(db.DeleteRecord("id=1", kJobs) && db.DeleteAllRecords(kJobs));
+  EXPECT_NE(access(target.c_str(), F_OK), 0);
+  // Once the target exists the link is the database.
+  {
+    SqliteDB direct(target, 0, "t");
+    ASSERT_TRUE(direct.InsertRecord(Job(1, "through")));
+  }
+  EXPECT_TRUE(db.IsExisted() && db.SelectRecords(select, rows));
+  ASSERT_EQ(rows.size(), 1u);
+  EXPECT_EQ(rows[0].ToStr(), "id:1, name:'through'");
 }

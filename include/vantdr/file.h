@@ -7,8 +7,11 @@
 #include <map>
 #include <sstream>
 #include <string>
+#include <type_traits>
+#include <utility>
 
 #include "vantdr/export.h"
+#include "vantdr/supported_types.h"
 
 namespace VantDRCore {
 
@@ -19,8 +22,11 @@ class VANTDR_API File {
   // as an empty store. Lines are joined without their line ends.
   static bool Read(const std::string& path, Json::Value& value);
 
-  // Replaces the file's content with `value` as compact JSON. The text is
-  // flushed and synced before success; on failure the old content stays.
+  // Writes `value` as compact JSON, synced before success. A plain file is
+  // replaced whole: readers see the old or the new document, a failure keeps
+  // the old one, owner, group and mode stay. Where a replacement would show
+  // (links, hard links, special files, attributes, ACLs, owners or a directory
+  // the caller cannot write) it is written in place, as fopen(path, "w") would.
   static bool Write(const std::string& path, const Json::Value& value);
 
   // Reads and parses everything left on `fd`. Once the stream is opened the
@@ -55,20 +61,31 @@ class VANTDR_API File {
   // exist, -1 for an empty path or an unreadable file.
   // Instances: std::map<std::string, std::string|int|double>.
   template <typename K, typename V>
-  static int Read(const std::string& path, std::map<K, V>& map);
+  static int Read(const std::string& path, std::map<K, V>& map) {
+    static_assert(std::is_same<K, std::string>::value && IsOneOf<V, std::string, int, double>,
+                  "File::Read<K, V> supports K = std::string with V = std::string, int, double");
+    return Read(path, map, CheckedType());
+  }
 
   // Splits `line` at the first `separator` and converts both sides with
   // toType. False for an empty line or separator, a missing separator, or an
   // empty key or value text. Same instances as Read<K, V>.
   template <typename K, typename V>
   static bool parseLineKeyValue(const std::string& line, const std::string& separator, K& key,
-                                V& value);
+                                V& value) {
+    static_assert(std::is_same<K, std::string>::value && IsOneOf<V, std::string, int, double>,
+                  "File::parseLineKeyValue<K, V> supports K = std::string with V = std::string, "
+                  "int, double");
+    return parseLineKeyValue(line, separator, key, value, CheckedType());
+  }
 
   // Extracts `out` from `text` with operator>> and returns true, even when
   // the extraction fails (then `out` is what the failed extraction left, 0
   // for numbers). An empty `text` sets `out` to `fallback` and returns false.
   template <typename T, typename U>
   static bool toType(const T& text, U& out, const U& fallback) {
+    static_assert(std::is_same<T, std::string>::value && Extractable<U>::value,
+                  "File::toType<T, U> supports T = std::string with any U read by operator>>");
     std::istringstream in(text);
     if (text.empty()) {
       out = fallback;
@@ -77,6 +94,19 @@ class VANTDR_API File {
     in >> out;
     return true;
   }
+
+ private:
+  template <typename K, typename V>
+  static int Read(const std::string& path, std::map<K, V>& map, CheckedType);
+  template <typename K, typename V>
+  static bool parseLineKeyValue(const std::string& line, const std::string& separator, K& key,
+                                V& value, CheckedType);
+
+  template <typename U, typename = void>
+  struct Extractable : std::false_type {};
+  template <typename U>
+  struct Extractable<U, std::void_t<decltype(std::declval<std::istream&>() >> std::declval<U&>())>>
+      : std::true_type {};
 };
 
 }  // namespace VantDRCore

@@ -28,7 +28,7 @@ class VANTDR_API Request {
   Request(const std::string& api, int version, const std::string& method,
           const Json::Value& params);
   // Defaults, then setRequest(request).
-  explicit Request(const Json::Value& request);
+  Request(const Json::Value& request);
   virtual ~Request();
 
   // Takes a whole request in the shape toJson writes: params becomes the

@@ -22,9 +22,11 @@ class VANTDR_API Response {
   Response(const Response& other);
   Response& operator=(const Response& other);
   // Parses `text`; text that is not JSON leaves a null, invalid answer.
-  explicit Response(const std::string& text);
-  explicit Response(const char* text);  // as std::string; nullptr parses as ""
-  explicit Response(const Json::Value& answer);
+  Response(const std::string& text);
+  // As std::string; nullptr parses as "". Explicit: an implicit one would make
+  // a literal ambiguous between callers' overloads on std::string and Response.
+  explicit Response(const char* text);
+  Response(const Json::Value& answer);
   virtual ~Response();
 
   // Parses `text` into the answer; false (and a null answer) when it is not

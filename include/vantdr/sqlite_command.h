@@ -18,6 +18,7 @@
 #include "vantdr/export.h"
 #include "vantdr/sqlite_condition.h"
 #include "vantdr/sqlite_value.h"
+#include "vantdr/supported_types.h"
 
 namespace VantDRCore {
 
@@ -77,7 +78,12 @@ class VANTDR_API InsertCommand : public SqliteCommand {
   // Adds or overwrites one field. T: std::string, bool, int, unsigned int,
   // long. Refuses (ERR line) an empty field name.
   template <typename T>
-  bool AddFieldValue(const std::string& field, const T& value);
+  bool AddFieldValue(const std::string& field, const T& value) {
+    static_assert(IsOneOf<T, std::string, bool, int, unsigned int, long>,
+                  "InsertCommand::AddFieldValue<T> supports T = std::string, bool, int, unsigned "
+                  "int, long");
+    return AddFieldValue(field, value, CheckedType());
+  }
 
   // "(a,b) VALUES (1,'x')". A value that formats to "" (a 64-bit integer
   // outside the 32-bit ranges) leaves a gap: "(a,big) VALUES (3,)".
@@ -88,9 +94,14 @@ class VANTDR_API InsertCommand : public SqliteCommand {
   bool IsValid() const override;
   void DumpParam(std::stringstream& out) const override;
 
+  const SqliteValueList& GetFieldValues() const { return values_; }
+  bool IsReplacable() const { return replacable_; }
+
  private:
   // ToFormatedInsertValues() appended to `out`.
   void AppendInsertValues(std::string& out) const;
+  template <typename T>
+  bool AddFieldValue(const std::string& field, const T& value, CheckedType);
 
   bool replacable_;
   SqliteValueList values_;
@@ -109,7 +120,12 @@ class VANTDR_API UpdateCommand : public SqliteCommand {
   bool SetCondition(const SqliteCondition& condition);
   // As InsertCommand::AddFieldValue.
   template <typename T>
-  bool AddFieldValue(const std::string& field, const T& value);
+  bool AddFieldValue(const std::string& field, const T& value) {
+    static_assert(IsOneOf<T, std::string, bool, int, unsigned int, long>,
+                  "UpdateCommand::AddFieldValue<T> supports T = std::string, bool, int, unsigned "
+                  "int, long");
+    return AddFieldValue(field, value, CheckedType());
+  }
 
   // Valid with a table and at least one field value. The condition is NOT
   // required: without one the statement changes every row.
@@ -117,7 +133,13 @@ class VANTDR_API UpdateCommand : public SqliteCommand {
   bool IsValid() const override;
   void DumpParam(std::stringstream& out) const override;
 
+  const SqliteValueList& GetFieldValues() const { return values_; }
+  const std::string& GetCondition() const { return condition_; }
+
  private:
+  template <typename T>
+  bool AddFieldValue(const std::string& field, const T& value, CheckedType);
+
   std::string condition_;
   SqliteValueList values_;
 };

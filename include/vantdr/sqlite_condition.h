@@ -24,7 +24,7 @@ class VANTDR_API SqliteCondition {
  public:
   SqliteCondition();
   // Takes a finished condition text as it is.
-  explicit SqliteCondition(const std::string& text);
+  SqliteCondition(const std::string& text);
   virtual ~SqliteCondition();
 
   // True when the text is not empty.
@@ -131,6 +131,52 @@ class VANTDR_API SqliteIsNull : public SqliteCondition {
   explicit SqliteIsNull(const std::string& field);
   // ALWAYS returns false, even when it built the text: ask IsValid().
   bool SetValue(const std::string& field);
+};
+
+// Ordered comparisons and LIKE: field, operator, formatted value, as
+// SqliteEqual builds them ("a<5", "name LIKE 'x%'"); each SetValue replaces
+// the text and refuses an empty field or an invalid value.
+
+// field<value
+class VANTDR_API SqliteLess : public SqliteCondition {
+ public:
+  SqliteLess();
+  SqliteLess(const std::string& field, const SqliteValue& value);
+  bool SetValue(const std::string& field, const SqliteValue& value);
+};
+
+// field<=value
+class VANTDR_API SqliteLessEqual : public SqliteCondition {
+ public:
+  SqliteLessEqual();
+  SqliteLessEqual(const std::string& field, const SqliteValue& value);
+  bool SetValue(const std::string& field, const SqliteValue& value);
+};
+
+// field>value
+class VANTDR_API SqliteGreater : public SqliteCondition {
+ public:
+  SqliteGreater();
+  SqliteGreater(const std::string& field, const SqliteValue& value);
+  bool SetValue(const std::string& field, const SqliteValue& value);
+};
+
+// field>=value
+class VANTDR_API SqliteGreaterEqual : public SqliteCondition {
+ public:
+  SqliteGreaterEqual();
+  SqliteGreaterEqual(const std::string& field, const SqliteValue& value);
+  bool SetValue(const std::string& field, const SqliteValue& value);
+};
+
+// field LIKE value. The pattern's % and _ are LIKE's own wildcards (the
+// value is quoted, not escaped for LIKE); SQLite compares ASCII letters
+// case-insensitively.
+class VANTDR_API SqliteLike : public SqliteCondition {
+ public:
+  SqliteLike();
+  SqliteLike(const std::string& field, const SqliteValue& value);
+  bool SetValue(const std::string& field, const SqliteValue& value);
 };
 
 }  // namespace VantDRCore

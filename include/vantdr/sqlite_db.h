@@ -3,6 +3,7 @@
 // table and record operations that run the statement builders.
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <string>
 #include <vector>
@@ -10,12 +11,15 @@
 #include "vantdr/error.h"
 #include "vantdr/export.h"
 #include "vantdr/sqlite_command.h"
+#include "vantdr/sqlite_condition.h"
 #include "vantdr/sqlite_value.h"
 
 struct sqlite3;
 struct sqlite3_stmt;
 
 namespace VantDRCore {
+
+class SqliteTransaction;
 
 // Every operation reports through its bool result and the error record
 // (GetErr()): 0 after success; 401 bad parameter; 403 no connection; 404 a
@@ -41,8 +45,9 @@ class VANTDR_API SqliteDB : public ErrRecorder {
   bool Open();
   void Close();
 
-  // Whether the database file exists; opening creates it, so the read and
-  // delete operations ask this first.
+  // Whether the database file exists, links followed (a dangling link is no
+  // database); opening creates it, so the read and delete operations ask
+  // this first.
   bool IsExisted() const;
 
   // Runs statements that return no rows. Gives up after the first failure
@@ -50,14 +55,16 @@ class VANTDR_API SqliteDB : public ErrRecorder {
   bool Exec(const std::string& sql);
 
   // Replaces `record` with the first row; a query without rows succeeds and
-  // leaves `record` as it was.
+  // leaves `record` as it was. Text without a statement (blanks, ";", only a
+  // comment) fails: 404 with SQLite's misuse code 21, where Exec succeeds.
   bool SelectByCommand(const std::string& sql, SqliteValueList& record);
   // Appends every row. The vector is never cleared, not even between retries:
   // pass an empty one.
   bool SelectByCommand(const std::string& sql, std::vector<SqliteValueList>& records);
 
   // Rows come back with INTEGER and TEXT columns only: NULL, REAL and BLOB
-  // columns are left out of the record (with a WARN line).
+  // columns are left out of the record (with a WARN line). TEXT ends at its
+  // first NUL byte, so any record read can be written back.
 
   // --- table and record operations -----------------------------------------
 
@@ -69,7 +76,8 @@ class VANTDR_API SqliteDB : public ErrRecorder {
   // without column definitions needs no table: true, nothing sent.
   bool CreateTable(const SqliteTableHandler& table);
 
-  // Runs a valid builder after creating its table if missing.
+  // Runs a valid builder after creating its table if missing. GetCommand()
+  // is asked twice: for the INFO line, then for the text that runs.
   bool Exec(const SqliteCommand& command);
   bool InsertRecord(const InsertCommand& command);
   bool UpdateRecord(const UpdateCommand& command);
@@ -87,10 +95,33 @@ class VANTDR_API SqliteDB : public ErrRecorder {
   // Appends to `records` without clearing it.
   bool SelectRecords(const SelectCommand& command, std::vector<SqliteValueList>& records);
 
+  // --- batches and counts ---------------------------------------------------
+
+  // Runs every command in one transaction: all rows or none, with one INFO
+  // line for the batch. Every command is checked first (an invalid one: 401,
+  // nothing written), each distinct table is created once if missing, and a
+  // BUSY or LOCKED anywhere rolls the whole transaction back and retries it
+  // from BEGIN under the retry limit and pauses of Exec. The rows written are
+  // exactly those the same commands run one by one would write. On a
+  // connection already inside a transaction (a SqliteTransaction, or BEGIN
+  // run by the caller) the batch joins it, all or nothing within it, and
+  // leaves retrying to the owner of that transaction.
+  bool InsertRecords(const std::vector<InsertCommand>& commands);
+  bool UpdateRecords(const std::vector<UpdateCommand>& commands);
+
+  // Rows of `table` matching `condition`. A condition without text is
+  // refused (401): counting every row is GetCount(table, count).
+  bool GetCount(const SqliteTableHandler& table, const SqliteCondition& condition, int& count);
+
+  // The rowid of the last row inserted through the current connection; 0
+  // when there is none (or the connection is closed).
+  int64_t GetLastInsertRowId() const;
+
   // --- single attempts and error recording ---------------------------------
 
   // One try each; a failure leaves the raw SQLite code and message in the
-  // record (Exec and SelectByCommand then convert it).
+  // record (Exec and SelectByCommand then convert it). Without a connection:
+  // 21 with SQLite's message for a null handle.
   bool DoExecSqliteCommand(const std::string& sql);
   bool DoSelectSqliteRecord(const std::string& sql, SqliteValueList& record);
   bool DoSelectSqliteRecords(const std::string& sql, std::vector<SqliteValueList>& records);
@@ -116,17 +147,38 @@ class VANTDR_API SqliteDB : public ErrRecorder {
   // without a statement. Callers reset, never finalize, what they get.
   int PrepareQuery(const std::string& sql, sqlite3_stmt** stmt);
   void FinalizeQueries();
+  // Sees every statement this connection prepares: flags those after which
+  // a fresh prepare could resolve a name differently. Never denies.
+  static int Authorize(void* self, int action, const char* arg1, const char* arg2,
+                       const char* database, const char* trigger);
 
   struct PreparedQuery {
     std::string sql;
     sqlite3_stmt* stmt;
   };
   std::vector<PreparedQuery> queries_;  // least recently used first
+  // Schema, attachment or planner settings changed: drop the reused queries.
+  bool schemaChanged_ = false;
+  // SQLite re-checks only the schemas a statement reads, so one that found a
+  // table in an attached database would miss the same name created in main
+  // by another connection: with attachments, nothing is reused.
+  bool reuseDisabled_ = false;
 
   sqlite3* handle_ = nullptr;
   std::string path_;
   unsigned int retryLimit_;
   std::string logTag_;
+
+  // The count query `sql` read into `count`. (Named like the public forms:
+  // log lines carry the function name.)
+  bool GetCount(const std::string& sql, int& count);
+
+  // Batches (sqlite_batch.cpp) and the transaction guard work on the
+  // connection directly.
+  class Batch;
+  friend class SqliteTransaction;
+  // The guard whose transaction is open on this object, if any.
+  SqliteTransaction* transaction_ = nullptr;
 };
 
 }  // namespace VantDRCore

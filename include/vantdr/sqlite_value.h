@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "vantdr/export.h"
+#include "vantdr/supported_types.h"
 
 namespace VantDRCore {
 
@@ -48,7 +49,13 @@ class VANTDR_API SqliteValue {
   // bool" at WARN, leaves `out` unchanged and returns false. A bool accepts a
   // JSON boolean or the integers 0 and 1. The valid flag is not consulted.
   template <typename T>
-  bool GetValue(T& out) const;
+  bool GetValue(T& out) const {
+    static_assert(IsOneOf<T, std::string, bool, int, unsigned int, long, unsigned long, long long,
+                          unsigned long long>,
+                  "SqliteValue::GetValue<T> supports T = std::string, bool, int, unsigned int, "
+                  "long, unsigned long, long long, unsigned long long");
+    return GetValue(out, CheckedType());
+  }
 
   // Built from a typed argument and holding a string, boolean or integer.
   bool IsValid() const;
@@ -67,6 +74,9 @@ class VANTDR_API SqliteValue {
   const Json::Value& GetJsonValue() const { return value_; }
 
  private:
+  template <typename T>
+  bool GetValue(T& out, CheckedType) const;
+
   bool valid_;
   Json::Value value_;
 };
@@ -90,7 +100,13 @@ class VANTDR_API SqliteValueList {
   // empty field logs at ERR; an unknown field is an expected case and logs
   // at DEBUG only. False leaves `out` unchanged.
   template <typename T>
-  bool GetValue(const std::string& field, T& out) const;
+  bool GetValue(const std::string& field, T& out) const {
+    static_assert(IsOneOf<T, std::string, bool, int, unsigned int, long, unsigned long, long long,
+                          unsigned long long>,
+                  "SqliteValueList::GetValue<T> supports T = std::string, bool, int, unsigned int, "
+                  "long, unsigned long, long long, unsigned long long");
+    return GetValue(field, out, CheckedType());
+  }
 
   // False (with an ERR line) for an empty field; no log when it is absent.
   bool HasField(const std::string& field) const;
@@ -111,6 +127,9 @@ class VANTDR_API SqliteValueList {
   bool Empty() const { return values_.empty(); }
 
  private:
+  template <typename T>
+  bool GetValue(const std::string& field, T& out, CheckedType) const;
+
   SqliteValue invalid_;
   std::map<std::string, SqliteValue> values_;
 };

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "vantdr/export.h"
+#include "vantdr/supported_types.h"
 
 namespace VantDRCore {
 
@@ -29,7 +30,13 @@ namespace Container {
 // JSON strings, integers, booleans or reals. T: std::string, int, bool,
 // double.
 template <typename T>
-VANTDR_API Json::Value ToJsonArray(const std::vector<T>& items);
+VANTDR_API Json::Value ToJsonArray(const std::vector<T>& items, CheckedType);
+template <typename T>
+Json::Value ToJsonArray(const std::vector<T>& items) {
+  static_assert(IsOneOf<T, std::string, int, bool, double>,
+                "Container::ToJsonArray<T> supports T = std::string, int, bool, double");
+  return ToJsonArray(items, CheckedType());
+}
 
 // Joins the elements left to right; the separator goes before an element
 // only when the text built so far is not empty. Strings contribute their
@@ -37,7 +44,14 @@ VANTDR_API Json::Value ToJsonArray(const std::vector<T>& items);
 // low eight bits (65 -> "A", true -> "\x01"), not decimal digits: callers
 // who want digits convert first. T: std::string, int, bool, double.
 template <typename T>
-VANTDR_API std::string ToString(const std::vector<T>& items, const std::string& separator);
+VANTDR_API std::string ToString(const std::vector<T>& items, const std::string& separator,
+                                CheckedType);
+template <typename T>
+std::string ToString(const std::vector<T>& items, const std::string& separator) {
+  static_assert(IsOneOf<T, std::string, int, bool, double>,
+                "Container::ToString<T> supports T = std::string, int, bool, double");
+  return ToString(items, separator, CheckedType());
+}
 
 }  // namespace Container
 

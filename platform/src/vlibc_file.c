@@ -12,5 +12,6 @@ int VLIBCFileCheckDir(const char* path) {
 int VLIBCFileExist(const char* path) {
   struct stat st;
   if (path == NULL || *path == '\0') return 0;
-  return lstat(path, &st) == 0 ? 1 : 0;
+  /* Follows links: a dangling link names nothing a caller could open. */
+  return stat(path, &st) == 0 ? 1 : 0;
 }

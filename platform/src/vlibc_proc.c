@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "foundation/durable_write.h"
 #include "vantcore/vlibc.h"
 
 int VLIBCReadPidFile(const char* path) {
@@ -58,28 +59,15 @@ int VLIBCProcPidFileCreate(const char* path) {
     errno = EINVAL;
     return -1;
   }
-  /* Write beside the target and rename, so a reader never sees a pid file
-   * that is empty or half written. */
-  char tmp[PATH_MAX];
-  if (snprintf(tmp, sizeof tmp, "%s.%d.tmp", path, (int)getpid()) >= (int)sizeof tmp) {
-    errno = ENAMETOOLONG;
-    return -1;
-  }
-  int fd = open(tmp, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-  if (fd < 0) return -1;
+  /* Replaced whole, so a reader never sees it empty or half written; the
+   * name is replaced, never followed, since the creator may be root in a
+   * shared directory. */
   char text[24];
   int len = snprintf(text, sizeof text, "%d\n", (int)getpid());
-  ssize_t written = write(fd, text, (size_t)len);
-  int ok = written == len && fsync(fd) == 0;
-  int saved = errno;
-  close(fd);
-  if (!ok || rename(tmp, path) != 0) {
-    saved = ok ? errno : saved;
-    unlink(tmp);
-    errno = saved;
-    return -1;
-  }
-  return 0;
+  return VantDRWriteFile(path, text, (size_t)len, 0644, VANTDR_WRITE_REPLACE_NAME) ==
+                 VANTDR_WRITE_DONE
+             ? 0
+             : -1;
 }
 
 static pid_t fork_detached(int flags) {

@@ -41,9 +41,10 @@ bool File::Write(const std::string& path, const Json::Value& value) {
     VLOG_ERR("Empty path to write.");
     return false;
   }
-  // Written beside the target and renamed over it, so a failure at any step
-  // leaves the previous document in place.
+  // Replaced atomically where nobody can tell, else written in place: see
+  // the writer for the rule.
   const std::string text = JsonToString(value);
+  if (text.empty()) return false;  // too deep to read back; JsonToString logged it
   switch (WriteFileDurably(path, text)) {
     case DurableWriteStep::kDone:
       return true;
@@ -58,10 +59,6 @@ bool File::Write(const std::string& path, const Json::Value& value) {
       break;
     case DurableWriteStep::kSync:
       VLOG_ERR("Failed to sync file [%s]", path.c_str());
-      break;
-    case DurableWriteStep::kRename:
-      // The synced text could not replace the target (e.g. it is a directory).
-      VLOG_ERR("Failed to replace file [%s], errno=%m", path.c_str());
       break;
   }
   return false;
@@ -88,7 +85,9 @@ bool File::Write(int fd, const Json::Value& value) {
   }
   const std::string text = JsonToString(value);
   bool ok = false;
-  if (fprintf(file, "%s", text.c_str()) < 0) {
+  if (text.empty()) {
+    // Too deep to read back; JsonToString logged it.
+  } else if (fprintf(file, "%s", text.c_str()) < 0) {
     VLOG_ERR("Failed to write [%s] to fd[%d]", text.c_str(), fd);
   } else if (fflush(file) != 0) {
     VLOG_ERR("Failed to flush file");
@@ -149,7 +148,7 @@ bool File::RemoveDir(const std::string& path) {
 
 template <typename K, typename V>
 bool File::parseLineKeyValue(const std::string& line, const std::string& separator, K& key,
-                             V& value) {
+                             V& value, CheckedType) {
   if (line.empty() || separator.empty()) {
     VLOG_WARN("Bad Parameter.");
     return false;
@@ -167,7 +166,7 @@ bool File::parseLineKeyValue(const std::string& line, const std::string& separat
 }
 
 template <typename K, typename V>
-int File::Read(const std::string& path, std::map<K, V>& map) {
+int File::Read(const std::string& path, std::map<K, V>& map, CheckedType) {
   std::ifstream in(path);
   if (path.empty()) {
     VLOG_ERR("Invalid path");
@@ -193,20 +192,21 @@ int File::Read(const std::string& path, std::map<K, V>& map) {
 }
 
 template VANTDR_API int File::Read<std::string, std::string>(const std::string&,
-                                                             std::map<std::string, std::string>&);
+                                                             std::map<std::string, std::string>&,
+                                                             CheckedType);
 template VANTDR_API int File::Read<std::string, int>(const std::string&,
-                                                     std::map<std::string, int>&);
+                                                     std::map<std::string, int>&, CheckedType);
 template VANTDR_API int File::Read<std::string, double>(const std::string&,
-                                                        std::map<std::string, double>&);
-template VANTDR_API bool File::parseLineKeyValue<std::string, std::string>(const std::string&,
-                                                                           const std::string&,
-                                                                           std::string&,
-                                                                           std::string&);
+                                                        std::map<std::string, double>&,
+                                                        CheckedType);
+template VANTDR_API bool File::parseLineKeyValue<std::string, std::string>(
+    const std::string&, const std::string&, std::string&, std::string&, CheckedType);
 template VANTDR_API bool File::parseLineKeyValue<std::string, int>(const std::string&,
                                                                    const std::string&, std::string&,
-                                                                   int&);
+                                                                   int&, CheckedType);
 template VANTDR_API bool File::parseLineKeyValue<std::string, double>(const std::string&,
                                                                       const std::string&,
-                                                                      std::string&, double&);
+                                                                      std::string&, double&,
+                                                                      CheckedType);
 
 }  // namespace VantDRCore

@@ -77,14 +77,14 @@ void AppendItem(std::string& out, double item) {
 }  // namespace
 
 template <typename T>
-Json::Value ToJsonArray(const std::vector<T>& items) {
+Json::Value ToJsonArray(const std::vector<T>& items, CheckedType) {
   Json::Value array(Json::arrayValue);
   for (const T& item : items) array.append(ToJson(item));
   return array;
 }
 
 template <typename T>
-std::string ToString(const std::vector<T>& items, const std::string& separator) {
+std::string ToString(const std::vector<T>& items, const std::string& separator, CheckedType) {
   std::string out;
   bool first = true;
   for (const T& item : items) {
@@ -95,14 +95,16 @@ std::string ToString(const std::vector<T>& items, const std::string& separator) 
   return out;
 }
 
-template VANTDR_API Json::Value ToJsonArray(const std::vector<std::string>&);
-template VANTDR_API Json::Value ToJsonArray(const std::vector<int>&);
-template VANTDR_API Json::Value ToJsonArray(const std::vector<bool>&);
-template VANTDR_API Json::Value ToJsonArray(const std::vector<double>&);
-template VANTDR_API std::string ToString(const std::vector<std::string>&, const std::string&);
-template VANTDR_API std::string ToString(const std::vector<int>&, const std::string&);
-template VANTDR_API std::string ToString(const std::vector<bool>&, const std::string&);
-template VANTDR_API std::string ToString(const std::vector<double>&, const std::string&);
+template VANTDR_API Json::Value ToJsonArray(const std::vector<std::string>&, CheckedType);
+template VANTDR_API Json::Value ToJsonArray(const std::vector<int>&, CheckedType);
+template VANTDR_API Json::Value ToJsonArray(const std::vector<bool>&, CheckedType);
+template VANTDR_API Json::Value ToJsonArray(const std::vector<double>&, CheckedType);
+template VANTDR_API std::string ToString(const std::vector<std::string>&, const std::string&,
+                                         CheckedType);
+template VANTDR_API std::string ToString(const std::vector<int>&, const std::string&, CheckedType);
+template VANTDR_API std::string ToString(const std::vector<bool>&, const std::string&, CheckedType);
+template VANTDR_API std::string ToString(const std::vector<double>&, const std::string&,
+                                         CheckedType);
 
 }  // namespace Container
 }  // namespace VantDRCore

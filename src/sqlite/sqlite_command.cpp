@@ -74,18 +74,20 @@ void InsertCommand::SetFieldValues(const SqliteValueList& values) { values_ = va
 void InsertCommand::SetReplacable(bool replacable) { replacable_ = replacable; }
 
 template <typename T>
-bool InsertCommand::AddFieldValue(const std::string& field, const T& value) {
+bool InsertCommand::AddFieldValue(const std::string& field, const T& value, CheckedType) {
   const SqliteValue item(value);
   if (!field.empty() && item.IsValid()) return values_.AddValue(field, item);
   VLOG_ERR("Bad Field [%s] /value[%s]", field.c_str(), item.ToFormatedValue().c_str());
   return false;
 }
 
-template bool InsertCommand::AddFieldValue<std::string>(const std::string&, const std::string&);
-template bool InsertCommand::AddFieldValue<bool>(const std::string&, const bool&);
-template bool InsertCommand::AddFieldValue<int>(const std::string&, const int&);
-template bool InsertCommand::AddFieldValue<unsigned int>(const std::string&, const unsigned int&);
-template bool InsertCommand::AddFieldValue<long>(const std::string&, const long&);
+template bool InsertCommand::AddFieldValue<std::string>(const std::string&, const std::string&,
+                                                        CheckedType);
+template bool InsertCommand::AddFieldValue<bool>(const std::string&, const bool&, CheckedType);
+template bool InsertCommand::AddFieldValue<int>(const std::string&, const int&, CheckedType);
+template bool InsertCommand::AddFieldValue<unsigned int>(const std::string&, const unsigned int&,
+                                                         CheckedType);
+template bool InsertCommand::AddFieldValue<long>(const std::string&, const long&, CheckedType);
 
 std::string InsertCommand::ToFormatedInsertValues() const {
   std::string out;
@@ -158,18 +160,20 @@ bool UpdateCommand::SetCondition(const SqliteCondition& condition) {
 }
 
 template <typename T>
-bool UpdateCommand::AddFieldValue(const std::string& field, const T& value) {
+bool UpdateCommand::AddFieldValue(const std::string& field, const T& value, CheckedType) {
   const SqliteValue item(value);
   if (!field.empty() && item.IsValid()) return values_.AddValue(field, item);
   VLOG_ERR("Bad Field [%s] /value[%s]", field.c_str(), item.ToFormatedValue().c_str());
   return false;
 }
 
-template bool UpdateCommand::AddFieldValue<std::string>(const std::string&, const std::string&);
-template bool UpdateCommand::AddFieldValue<bool>(const std::string&, const bool&);
-template bool UpdateCommand::AddFieldValue<int>(const std::string&, const int&);
-template bool UpdateCommand::AddFieldValue<unsigned int>(const std::string&, const unsigned int&);
-template bool UpdateCommand::AddFieldValue<long>(const std::string&, const long&);
+template bool UpdateCommand::AddFieldValue<std::string>(const std::string&, const std::string&,
+                                                        CheckedType);
+template bool UpdateCommand::AddFieldValue<bool>(const std::string&, const bool&, CheckedType);
+template bool UpdateCommand::AddFieldValue<int>(const std::string&, const int&, CheckedType);
+template bool UpdateCommand::AddFieldValue<unsigned int>(const std::string&, const unsigned int&,
+                                                         CheckedType);
+template bool UpdateCommand::AddFieldValue<long>(const std::string&, const long&, CheckedType);
 
 std::string UpdateCommand::GetCommand() const {
   if (!IsValid()) {

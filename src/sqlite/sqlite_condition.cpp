@@ -176,4 +176,37 @@ bool SqliteIsNull::SetValue(const std::string& field) {
   return false;
 }
 
+// The comparisons share one builder; it is named SetValue because log lines
+// carry the function name, and every condition logs from "SetValue".
+namespace comparison {
+
+bool SetValue(std::string& text, const std::string& field, const char* op,
+              const SqliteValue& value) {
+  if (field.empty() || !value.IsValid()) {
+    VLOG_ERR("Bad lvalue[%s] or rvalue[%s]", field.c_str(), value.ToFormatedValue().c_str());
+    return false;
+  }
+  text = field;
+  text += op;
+  value.AppendFormatedValue(text);
+  return true;
+}
+
+}  // namespace comparison
+
+#define VANTDR_COMPARISON(Class, op)                                                           \
+  Class::Class() = default;                                                                    \
+  Class::Class(const std::string& field, const SqliteValue& value) { SetValue(field, value); } \
+  bool Class::SetValue(const std::string& field, const SqliteValue& value) {                   \
+    return comparison::SetValue(text_, field, op, value);                                      \
+  }
+
+VANTDR_COMPARISON(SqliteLess, "<")
+VANTDR_COMPARISON(SqliteLessEqual, "<=")
+VANTDR_COMPARISON(SqliteGreater, ">")
+VANTDR_COMPARISON(SqliteGreaterEqual, ">=")
+VANTDR_COMPARISON(SqliteLike, " LIKE ")
+
+#undef VANTDR_COMPARISON
+
 }  // namespace VantDRCore

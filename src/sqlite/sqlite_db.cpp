@@ -35,13 +35,12 @@ void ParseRecord(sqlite3_stmt* stmt, SqliteValueList& record) {
         record.AddValue(name, SqliteValue(static_cast<long long>(sqlite3_column_int64(stmt, i))));
         break;
       case SQLITE_TEXT: {
-        // Read the text before its length: the order SQLite documents.
+        // Up to the first NUL: the builders' SQL text could not carry the
+        // rest, so a record read back can always be written back.
         const unsigned char* text = sqlite3_column_text(stmt, i);
-        const int bytes = sqlite3_column_bytes(stmt, i);
         record.AddValue(
             name, SqliteValue(text == nullptr ? std::string()
-                                              : std::string(reinterpret_cast<const char*>(text),
-                                                            static_cast<size_t>(bytes))));
+                                              : std::string(reinterpret_cast<const char*>(text))));
         break;
       }
       case SQLITE_NULL:
@@ -83,6 +82,7 @@ bool SqliteDB::Open() {
     VLOG_WARN("Failed to open db[%s]", path_.c_str());
     return false;
   }
+  sqlite3_set_authorizer(handle_, &SqliteDB::Authorize, this);
   // The handle stays open on failure: a later Open() accepts it as it is.
   if (sqlite3_busy_timeout(handle_, kBusyTimeoutMSec) != SQLITE_OK) {
     VLOG_WARN("Failed to set busy timeout with error");
@@ -96,6 +96,8 @@ void SqliteDB::Close() {
   FinalizeQueries();  // sqlite3_close refuses a connection with live statements
   sqlite3_close(handle_);
   handle_ = nullptr;
+  schemaChanged_ = false;
+  reuseDisabled_ = false;  // attachments end with the connection
 }
 
 bool SqliteDB::IsExisted() const { return VLIBCFileExist(path_.c_str()) == 1; }
@@ -103,8 +105,10 @@ bool SqliteDB::IsExisted() const { return VLIBCFileExist(path_.c_str()) == 1; }
 // --- single attempts ---------------------------------------------------------
 
 bool SqliteDB::DoExecSqliteCommand(const std::string& sql) {
+  // What SQLite answers for a null connection: misuse, with the null
+  // handle's own message.
   if (handle_ == nullptr) {
-    SetDBErr(SQLITE_MISUSE, "database is not opened");
+    SetDBErr(SQLITE_MISUSE, nullptr);
     return false;
   }
   char* errmsg = nullptr;
@@ -117,7 +121,7 @@ bool SqliteDB::DoExecSqliteCommand(const std::string& sql) {
 bool SqliteDB::DoSelect(const std::string& sql, const std::function<bool(sqlite3_stmt*)>& onRow) {
   SetErr(ERR::ERR_DATABASE_OPERATION);
   if (handle_ == nullptr) {
-    SetDBErr(SQLITE_MISUSE, "database is not opened");
+    SetDBErr(SQLITE_MISUSE, nullptr);  // as DoExecSqliteCommand
     return false;
   }
   sqlite3_stmt* stmt = nullptr;
@@ -125,9 +129,9 @@ bool SqliteDB::DoSelect(const std::string& sql, const std::function<bool(sqlite3
   if (prepared != SQLITE_OK) {
     SetDBErr(prepared, nullptr);
   } else if (stmt == nullptr) {
-    // Text without a statement (blanks, comments) yields no row, as it does
-    // for sqlite3_exec.
-    SetErr(0);
+    // Text without a statement (blanks, ";", comments): stepping nothing is
+    // SQLite's misuse, reported with the connection's current message.
+    SetDBErr(SQLITE_MISUSE, nullptr);
   } else {
     int stepped;
     while ((stepped = sqlite3_step(stmt)) == SQLITE_ROW && onRow(stmt)) {
@@ -140,10 +144,15 @@ bool SqliteDB::DoSelect(const std::string& sql, const std::function<bool(sqlite3
   }
   // Reset ends the statement's read transaction; it stays prepared for reuse.
   if (stmt != nullptr) sqlite3_reset(stmt);
+  if (reuseDisabled_) FinalizeQueries();
   return GetErrCode() == 0;
 }
 
 int SqliteDB::PrepareQuery(const std::string& sql, sqlite3_stmt** stmt) {
+  if (schemaChanged_) {
+    FinalizeQueries();
+    schemaChanged_ = false;
+  }
   for (auto it = queries_.begin(); it != queries_.end(); ++it) {
     if (it->sql == sql) {
       *stmt = it->stmt;
@@ -165,6 +174,50 @@ int SqliteDB::PrepareQuery(const std::string& sql, sqlite3_stmt** stmt) {
 void SqliteDB::FinalizeQueries() {
   for (const PreparedQuery& query : queries_) sqlite3_finalize(query.stmt);
   queries_.clear();
+}
+
+// A statement that changes the schema is flagged when prepared, before it
+// runs; the flag is read at the next lookup, after it ran. SQLite itself
+// re-prepares a reused statement when a schema it reads changes (here or in
+// another connection) and after a rollback that undid a schema change.
+int SqliteDB::Authorize(void* self, int action, const char*, const char*, const char*,
+                        const char*) {
+  SqliteDB& db = *static_cast<SqliteDB*>(self);
+  switch (action) {
+    case SQLITE_ATTACH:
+      db.reuseDisabled_ = true;
+      db.schemaChanged_ = true;
+      break;
+    case SQLITE_CREATE_INDEX:
+    case SQLITE_CREATE_TABLE:
+    case SQLITE_CREATE_TEMP_INDEX:
+    case SQLITE_CREATE_TEMP_TABLE:
+    case SQLITE_CREATE_TEMP_TRIGGER:
+    case SQLITE_CREATE_TEMP_VIEW:
+    case SQLITE_CREATE_TRIGGER:
+    case SQLITE_CREATE_VIEW:
+    case SQLITE_CREATE_VTABLE:
+    case SQLITE_DROP_INDEX:
+    case SQLITE_DROP_TABLE:
+    case SQLITE_DROP_TEMP_INDEX:
+    case SQLITE_DROP_TEMP_TABLE:
+    case SQLITE_DROP_TEMP_TRIGGER:
+    case SQLITE_DROP_TEMP_VIEW:
+    case SQLITE_DROP_TRIGGER:
+    case SQLITE_DROP_VIEW:
+    case SQLITE_DROP_VTABLE:
+    case SQLITE_ALTER_TABLE:
+    case SQLITE_DETACH:
+    // Plans and settings fixed at prepare time (index choice, row order of
+    // unordered queries, LIKE case): a fresh prepare would see the change.
+    case SQLITE_ANALYZE:
+    case SQLITE_PRAGMA:
+      db.schemaChanged_ = true;
+      break;
+    default:
+      break;
+  }
+  return SQLITE_OK;
 }
 
 bool SqliteDB::DoSelectSqliteRecord(const std::string& sql, SqliteValueList& record) {
@@ -286,7 +339,10 @@ bool SqliteDB::SelectByCommand(const std::string& sql, bool oneRow,
 // --- tables --------------------------------------------------------------------
 
 bool SqliteDB::GetCount(const SqliteTableHandler& table, int& count) {
-  const std::string sql = "SELECT count() as count FROM '" + table.GetName() + "';";
+  return GetCount("SELECT count() as count FROM '" + table.GetName() + "';", count);
+}
+
+bool SqliteDB::GetCount(const std::string& sql, int& count) {
   std::vector<SqliteValueList> rows;
   SelectByCommand(sql, rows);
   if (rows.empty()) {
@@ -326,10 +382,9 @@ bool SqliteDB::CreateTable(const SqliteTableHandler& table) {
 
 bool SqliteDB::Exec(const SqliteCommand& command) {
   SetErr(ERR::ERR_UNKNOWN);
-  // Built once, before validation: an invalid builder logs its own refusal
-  // and shows here with its empty text.
-  const std::string sql = command.GetCommand();
-  VLOG_INFO("%s Exec cmd: %s", logTag_.c_str(), sql.c_str());
+  // Logged before validation: an invalid builder logs its own refusal and
+  // shows here with its empty text.
+  VLOG_INFO("%s Exec cmd: %s", logTag_.c_str(), command.GetCommand().c_str());
   if (!command.IsValid()) {
     SetErr(ERR::BAD_PARAMETER);
     return false;
@@ -339,6 +394,8 @@ bool SqliteDB::Exec(const SqliteCommand& command) {
     VLOG_ERR("Failed to create table [%s]", command.GetTable().GetName().c_str());
     return false;
   }
+  // Asked again for the run: a caller's builder may answer differently.
+  const std::string sql = command.GetCommand();
   if (!Exec(sql)) {
     VLOG_ERR("Failed to exec [%s] in db[%s]", sql.c_str(), path_.c_str());
     return false;

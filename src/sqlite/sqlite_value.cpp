@@ -90,20 +90,20 @@ SqliteValue& SqliteValue::operator=(const SqliteValue& other) {
 }
 
 template <typename T>
-bool SqliteValue::GetValue(T& out) const {
+bool SqliteValue::GetValue(T& out, CheckedType) const {
   if (ReadAs(value_, out)) return true;
   VLOG_WARN("[%s] is not %s", JsonToString(value_).c_str(), KindName<T>());
   return false;
 }
 
-template bool SqliteValue::GetValue<std::string>(std::string&) const;
-template bool SqliteValue::GetValue<unsigned int>(unsigned int&) const;
-template bool SqliteValue::GetValue<int>(int&) const;
-template bool SqliteValue::GetValue<long>(long&) const;
-template bool SqliteValue::GetValue<unsigned long>(unsigned long&) const;
-template bool SqliteValue::GetValue<long long>(long long&) const;
-template bool SqliteValue::GetValue<unsigned long long>(unsigned long long&) const;
-template bool SqliteValue::GetValue<bool>(bool&) const;
+template bool SqliteValue::GetValue<std::string>(std::string&, CheckedType) const;
+template bool SqliteValue::GetValue<unsigned int>(unsigned int&, CheckedType) const;
+template bool SqliteValue::GetValue<int>(int&, CheckedType) const;
+template bool SqliteValue::GetValue<long>(long&, CheckedType) const;
+template bool SqliteValue::GetValue<unsigned long>(unsigned long&, CheckedType) const;
+template bool SqliteValue::GetValue<long long>(long long&, CheckedType) const;
+template bool SqliteValue::GetValue<unsigned long long>(unsigned long long&, CheckedType) const;
+template bool SqliteValue::GetValue<bool>(bool&, CheckedType) const;
 
 bool SqliteValue::IsValid() const {
   return valid_ && (value_.isString() || value_.isBool() || value_.isIntegral());
@@ -175,7 +175,7 @@ const SqliteValue& SqliteValueList::GetValue(const std::string& field) const {
 }
 
 template <typename T>
-bool SqliteValueList::GetValue(const std::string& field, T& out) const {
+bool SqliteValueList::GetValue(const std::string& field, T& out, CheckedType) const {
   if (field.empty()) {
     VLOG_ERR("Invalid field [%s]", field.c_str());
     return false;
@@ -188,15 +188,19 @@ bool SqliteValueList::GetValue(const std::string& field, T& out) const {
   return found->second.GetValue(out);
 }
 
-template bool SqliteValueList::GetValue<std::string>(const std::string&, std::string&) const;
-template bool SqliteValueList::GetValue<unsigned int>(const std::string&, unsigned int&) const;
-template bool SqliteValueList::GetValue<int>(const std::string&, int&) const;
-template bool SqliteValueList::GetValue<long>(const std::string&, long&) const;
-template bool SqliteValueList::GetValue<unsigned long>(const std::string&, unsigned long&) const;
-template bool SqliteValueList::GetValue<long long>(const std::string&, long long&) const;
-template bool SqliteValueList::GetValue<unsigned long long>(const std::string&,
-                                                            unsigned long long&) const;
-template bool SqliteValueList::GetValue<bool>(const std::string&, bool&) const;
+template bool SqliteValueList::GetValue<std::string>(const std::string&, std::string&,
+                                                     CheckedType) const;
+template bool SqliteValueList::GetValue<unsigned int>(const std::string&, unsigned int&,
+                                                      CheckedType) const;
+template bool SqliteValueList::GetValue<int>(const std::string&, int&, CheckedType) const;
+template bool SqliteValueList::GetValue<long>(const std::string&, long&, CheckedType) const;
+template bool SqliteValueList::GetValue<unsigned long>(const std::string&, unsigned long&,
+                                                       CheckedType) const;
+template bool SqliteValueList::GetValue<long long>(const std::string&, long long&,
+                                                   CheckedType) const;
+template bool SqliteValueList::GetValue<unsigned long long>(const std::string&, unsigned long long&,
+                                                            CheckedType) const;
+template bool SqliteValueList::GetValue<bool>(const std::string&, bool&, CheckedType) const;
 
 bool SqliteValueList::HasField(const std::string& field) const {
   if (field.empty()) {

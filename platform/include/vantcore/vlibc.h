@@ -22,7 +22,7 @@ int VLIBCExec(const char* prog, const char* arg1, const char* arg2, const char* 
 /* 1 when `path` exists and is a directory (symbolic links followed), else 0. */
 int VLIBCFileCheckDir(const char* path);
 
-/* 1 when `path` exists (any type; a dangling symbolic link counts), else 0. */
+/* 1 when `path` exists (any type, links followed: a dangling link is 0), else 0. */
 int VLIBCFileExist(const char* path);
 
 /* Starts `prog` with the null-terminated argument list that follows `mode`
@@ -50,7 +50,8 @@ int VLIBCReadPidFile(const char* path);
 int VLIBCProcAlive(pid_t pid);
 
 /* Writes the calling process's id (decimal, one line) into `path`,
- * replacing the file's content; the file is synced before success.
+ * replacing the file whole; a link at `path` is replaced, never followed.
+ * The file is synced before success.
  * Returns 0 on success, -1 on failure (errno set). */
 int VLIBCProcPidFileCreate(const char* path);
 

@@ -1,0 +1,453 @@
+// Writing files by path: a plain file is replaced whole; everything else a
+// caller could tell apart (links, hard links, special files, attributes,
+// owners, permissions, mounts) is written in place, as fopen would.
+#include <errno.h>
+#include <fcntl.h>
+#include <grp.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstring>
+#include <filesystem>
+#include <random>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "support/log_capture.h"
+#include "support/private_tmpfs.h"
+#include "support/process.h"
+#include "support/syscall_filter.h"
+#include "support/temp_dir.h"
+#include "support/test_cache.h"
+#include "vantcore/vlibc.h"
+#include "vantdr/file.h"
+#include "vantdr/json_text.h"
+
+using namespace VantDRCore;
+using namespace VantDRTest;
+using Lines = std::vector<std::string>;
+
+namespace {
+
+const uid_t kNobody = 65534;
+
+// {"v": n, "pad": <padding characters>}: valid data for the test cache too.
+Json::Value Doc(int n, size_t padding = 16) {
+  Json::Value doc;
+  doc["v"] = n;
+  doc["pad"] = std::string(padding, static_cast<char>('a' + n % 26));
+  return doc;
+}
+
+struct stat Lstat(const std::string& path) {
+  struct stat st;
+  memset(&st, 0, sizeof st);
+  lstat(path.c_str(), &st);
+  return st;
+}
+
+std::set<std::string> Entries(const std::string& dir) {
+  std::set<std::string> names;
+  for (const auto& entry : std::filesystem::directory_iterator(dir))
+    names.insert(entry.path().filename().string());
+  return names;
+}
+
+std::string Parsed(const std::string& path) {
+  Json::Value back;
+  return JsonFromFile(back, path) ? JsonToString(back) : "<unparsable>";
+}
+
+// Runs `body` with effective ids 65534 (saved ids root) and, when given, the
+// supplementary group `group`.
+ChildResult AsNobody(const std::function<int()>& body, gid_t group = 0) {
+  return RunInChild([&]() -> int {
+    if (group != 0 && setgroups(1, &group) != 0) return 98;
+    if (setresgid(-1, kNobody, 0) != 0 || setresuid(-1, kNobody, 0) != 0) return 98;
+    return body();
+  });
+}
+
+// The ways of making temporary files to exercise: unnamed ones (true), and
+// named ones (false) where a child can be made to lack unnamed ones.
+std::vector<bool> TemporaryKinds() {
+  static const bool canRefuse =
+      RunInChild([] { return RefuseUnnamedTemporaryFiles() ? 0 : 1; }).exitCode == 0;
+  if (!canRefuse) std::printf("[ skipped ] named temporaries: no syscall filter here\n");
+  return canRefuse ? std::vector<bool>{true, false} : std::vector<bool>{true};
+}
+
+class FileWriteTest : public ::testing::Test {
+ protected:
+  FileWriteTest() { alarm(120); }  // a write blocked for good fails the test, not the suite
+  ~FileWriteTest() override { alarm(0); }
+  TempDir dir;
+  LogCapture log;
+};
+
+TEST_F(FileWriteTest, SymlinkChainIsFollowedAndEveryLinkKept) {
+  const std::string target = dir.File("target");
+  ASSERT_TRUE(WriteText(target, "old"));
+  ASSERT_EQ(symlink("target", dir.File("inner").c_str()), 0);
+  ASSERT_EQ(symlink(dir.File("inner").c_str(), dir.File("outer").c_str()), 0);
+  ASSERT_TRUE(File::Write(dir.File("outer"), Doc(2)));
+  EXPECT_EQ(Parsed(target), JsonToString(Doc(2)));
+  EXPECT_TRUE(S_ISLNK(Lstat(dir.File("outer")).st_mode) &&
+              S_ISLNK(Lstat(dir.File("inner")).st_mode));
+  EXPECT_EQ(std::filesystem::read_symlink(dir.File("inner")), "target");
+  EXPECT_EQ(Entries(dir.path()), (std::set<std::string>{"target", "inner", "outer"}));
+  EXPECT_TRUE(log.Lines().empty());
+}
+
+TEST_F(FileWriteTest, DanglingLinkGetsItsTargetCreated) {
+  ASSERT_EQ(symlink("created", dir.File("dangling").c_str()), 0);
+  ASSERT_TRUE(File::Write(dir.File("dangling"), Doc(3)));
+  EXPECT_TRUE(S_ISLNK(Lstat(dir.File("dangling")).st_mode));
+  EXPECT_EQ(Parsed(dir.File("created")), JsonToString(Doc(3)));
+  EXPECT_EQ(Entries(dir.path()), (std::set<std::string>{"dangling", "created"}));
+}
+
+TEST_F(FileWriteTest, HardLinkedNamesAllSeeTheNewDocument) {
+  // A plain file is replaced: a fresh inode takes the name.
+  const std::string target = dir.File("target");
+  ASSERT_TRUE(File::Write(target, Doc(0)));
+  const ino_t before = Lstat(target).st_ino;
+  ASSERT_TRUE(File::Write(target, Doc(1)));
+  EXPECT_NE(Lstat(target).st_ino, before);
+  EXPECT_EQ(Parsed(target), JsonToString(Doc(1)));
+  // With a second name it is written through, and both names see it.
+  ASSERT_EQ(link(target.c_str(), dir.File("second").c_str()), 0);
+  const ino_t shared = Lstat(target).st_ino;
+  ASSERT_TRUE(File::Write(dir.File("second"), Doc(4)));
+  EXPECT_EQ(Parsed(target), JsonToString(Doc(4)));
+  EXPECT_EQ(Lstat(target).st_ino, shared);
+  EXPECT_EQ(Lstat(dir.File("second")).st_ino, shared);
+  EXPECT_EQ(Entries(dir.path()), (std::set<std::string>{"target", "second"}));
+  EXPECT_TRUE(log.Lines().empty());
+}
+
+// Syncing a FIFO or a device fails (EINVAL) after the text went through,
+// exactly as for a write through fopen.
+TEST_F(FileWriteTest, FifoReaderReceivesTheDocument) {
+  const std::string fifo = dir.File("fifo");
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  const pid_t reader = StartChild([&] {
+    alarm(10);  // no writer ever comes if the FIFO was replaced
+    const int fd = open(fifo.c_str(), O_RDONLY);
+    std::string text;
+    char buffer[4096];
+    ssize_t n;
+    while ((n = read(fd, buffer, sizeof buffer)) > 0) text.append(buffer, n);
+    return WriteText(dir.File("received"), text) ? 0 : 1;
+  });
+  EXPECT_FALSE(File::Write(fifo, Doc(1)));
+  EXPECT_EQ(WaitChild(reader).exitCode, 0);
+  EXPECT_EQ(ReadText(dir.File("received")), JsonToString(Doc(1)));
+  EXPECT_TRUE(S_ISFIFO(Lstat(fifo).st_mode));
+  EXPECT_EQ(log.Summary(), Lines{"ERR Write: Failed to sync file [" + fifo + "]"});
+}
+
+TEST_F(FileWriteTest, DeviceNodeSurvives) {
+  // The null device's numbers: a node of our own that is harmless to write.
+  const std::string node = dir.File("node");
+  if (mknod(node.c_str(), S_IFCHR | 0600, makedev(1, 3)) != 0) {
+    GTEST_SKIP() << "cannot make a device node here: " << strerror(errno);
+  }
+  const int probe = open(node.c_str(), O_WRONLY);
+  if (probe < 0) GTEST_SKIP() << "device nodes cannot be opened here: " << strerror(errno);
+  close(probe);
+  EXPECT_FALSE(File::Write(node, Doc(2)));
+  EXPECT_TRUE(S_ISCHR(Lstat(node).st_mode));
+  EXPECT_EQ(Lstat(node).st_rdev, makedev(1, 3));
+  EXPECT_EQ(log.Summary(), Lines{"ERR Write: Failed to sync file [" + node + "]"});
+}
+
+TEST_F(FileWriteTest, WritableFileInADirectoryTheWriterCannotWrite) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root to stage other users' files";
+  ASSERT_EQ(chmod(dir.path().c_str(), 0755), 0);
+  const std::string mine = dir.File("mine");
+  ASSERT_TRUE(WriteText(mine, "old"));
+  ASSERT_EQ(chown(mine.c_str(), kNobody, kNobody), 0);
+  const ino_t inode = Lstat(mine).st_ino;
+  EXPECT_EQ(AsNobody([&] { return File::Write(mine, Doc(1)) ? 0 : 1; }).exitCode, 0);
+  EXPECT_EQ(Parsed(mine), JsonToString(Doc(1)));
+  EXPECT_EQ(Lstat(mine).st_ino, inode);
+  EXPECT_EQ(Lstat(mine).st_uid, kNobody);
+}
+
+// Refused as by fopen, although a replacement could be renamed over it.
+TEST_F(FileWriteTest, ReadOnlyFileInADirectoryTheWriterOwns) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root to stage other users' files";
+  ASSERT_EQ(chmod(dir.path().c_str(), 0755), 0);
+  const std::string sub = dir.File("sub");
+  ASSERT_EQ(mkdir(sub.c_str(), 0755), 0);
+  ASSERT_EQ(chown(sub.c_str(), kNobody, kNobody), 0);
+  const std::string roots = sub + "/roots";
+  ASSERT_TRUE(WriteText(roots, "old"));
+  ASSERT_EQ(chmod(roots.c_str(), 0644), 0);
+  EXPECT_EQ(AsNobody([&] {
+              LogCapture childLog;
+              if (File::Write(roots, Doc(2))) return 1;
+              return childLog.Summary() == Lines{"ERR Write: Failed to open file [" + roots + "]"}
+                         ? 0
+                         : 2;
+            }).exitCode,
+            0);
+  EXPECT_EQ(ReadText(roots), "old");
+  EXPECT_EQ(Lstat(roots).st_uid, 0u);
+  // The writer's own read-only file too: only its mode forbids the write.
+  const std::string readOnly = sub + "/read_only";
+  ASSERT_TRUE(WriteText(readOnly, "old"));
+  ASSERT_EQ(chown(readOnly.c_str(), kNobody, kNobody), 0);
+  ASSERT_EQ(chmod(readOnly.c_str(), 0444), 0);
+  EXPECT_EQ(AsNobody([&] { return File::Write(readOnly, Doc(3)) ? 1 : 0; }).exitCode, 0);
+  EXPECT_EQ(ReadText(readOnly), "old");
+  EXPECT_EQ(Entries(sub), (std::set<std::string>{"roots", "read_only"}));
+}
+
+TEST_F(FileWriteTest, GroupSharedFilesKeepOwnerGroupAndMode) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root to stage a shared group";
+  const gid_t team = 4321;
+  ASSERT_EQ(chmod(dir.path().c_str(), 0777), 0);  // the member could replace the file
+  const std::string shared = dir.File("shared");
+  ASSERT_TRUE(WriteText(shared, "old"));
+  ASSERT_EQ(chown(shared.c_str(), 0, team), 0);
+  ASSERT_EQ(chmod(shared.c_str(), 0660), 0);
+  const ino_t inode = Lstat(shared).st_ino;
+  EXPECT_EQ(AsNobody([&] { return File::Write(shared, Doc(1)) ? 0 : 1; }, team).exitCode, 0);
+  EXPECT_EQ(Parsed(shared), JsonToString(Doc(1)));
+  EXPECT_EQ(Lstat(shared).st_ino, inode);
+
+  // Root can give a replacement the same owner, group and mode, so it does.
+  ASSERT_EQ(chmod(shared.c_str(), 02660), 0);
+  ASSERT_TRUE(File::Write(shared, Doc(2)));
+  EXPECT_EQ(Parsed(shared), JsonToString(Doc(2)));
+  const struct stat st = Lstat(shared);
+  EXPECT_EQ(st.st_uid, 0u);
+  EXPECT_EQ(st.st_gid, team);
+  EXPECT_EQ(st.st_mode & 07777, 02660u);
+  EXPECT_TRUE(log.Lines().empty());
+}
+
+TEST_F(FileWriteTest, ExtendedAttributesAndAclsAreKept) {
+  const std::string tagged = dir.File("tagged");
+  ASSERT_TRUE(WriteText(tagged, "old"));
+  if (setxattr(tagged.c_str(), "user.origin", "appliance", 9, 0) != 0) {
+    GTEST_SKIP() << "no user extended attributes here: " << strerror(errno);
+  }
+  ASSERT_TRUE(File::Write(tagged, Doc(1)));
+  EXPECT_EQ(Parsed(tagged), JsonToString(Doc(1)));
+  char value[32] = {};
+  EXPECT_EQ(getxattr(tagged.c_str(), "user.origin", value, sizeof value), 9);
+  EXPECT_STREQ(value, "appliance");
+
+  // An access ACL: owner rw, user 65534 r, group r, mask r, others nothing.
+  struct Entry {
+    uint16_t tag, perm;
+    uint32_t id;
+  };
+  struct {
+    uint32_t version = 2;
+    Entry entries[5] = {{0x01, 6, UINT32_MAX},
+                        {0x02, 4, kNobody},
+                        {0x04, 4, UINT32_MAX},
+                        {0x10, 4, UINT32_MAX},
+                        {0x20, 0, UINT32_MAX}};
+  } acl;
+  const std::string guarded = dir.File("guarded");
+  ASSERT_TRUE(WriteText(guarded, "old"));
+  if (setxattr(guarded.c_str(), "system.posix_acl_access", &acl, sizeof acl, 0) != 0) {
+    std::printf("[ skipped ] ACL part: no ACLs on this file system (%s)\n", strerror(errno));
+    return;
+  }
+  const mode_t mode = Lstat(guarded).st_mode;
+  ASSERT_TRUE(File::Write(guarded, Doc(2)));
+  EXPECT_EQ(Parsed(guarded), JsonToString(Doc(2)));
+  EXPECT_EQ(Lstat(guarded).st_mode, mode);
+  char back[sizeof acl] = {};
+  EXPECT_EQ(getxattr(guarded.c_str(), "system.posix_acl_access", back, sizeof back),
+            static_cast<ssize_t>(sizeof acl));
+  EXPECT_EQ(memcmp(back, &acl, sizeof acl), 0);
+}
+
+TEST_F(FileWriteTest, AnyNameFopenAcceptsWorks) {
+  const std::string longest(255, 'n');
+  ASSERT_TRUE(File::Write(dir.File(longest), Doc(1)));
+  ASSERT_TRUE(File::Write(dir.File(longest), Doc(2)));
+  EXPECT_EQ(Parsed(dir.File(longest)), JsonToString(Doc(2)));
+  EXPECT_EQ(Entries(dir.path()), std::set<std::string>{longest});
+  // What fopen refuses, the writer refuses the same way.
+  EXPECT_FALSE(File::Write(dir.File(longest + "n"), Doc(3)));
+  EXPECT_FALSE(File::Write(dir.path(), Doc(3)));
+  EXPECT_FALSE(File::Write(dir.File(longest) + "/x", Doc(3)));
+  EXPECT_EQ(log.Summary(),
+            (Lines{"ERR Write: Failed to open file [" + dir.File(longest + "n") + "]",
+                   "ERR Write: Failed to open file [" + dir.path() + "]",
+                   "ERR Write: Failed to open file [" + dir.File(longest) + "/x]"}));
+}
+
+TEST_F(FileWriteTest, FullFileSystemKeepsTheOldDocument) {
+  // 64 KiB: the small document fits, the big one cannot.
+  const Json::Value big = Doc(2, 100 * 1024);
+  const std::string path = "doc";
+  const std::vector<bool> kinds = TemporaryKinds();
+  VANTDR_ON_PRIVATE_TMPFS(code, 64 * 1024, [&](const std::string& mnt) {
+    const std::string doc = mnt + "/" + path;
+    for (bool unnamed : kinds) {
+      if (!unnamed && !RefuseUnnamedTemporaryFiles()) return 10;
+      LogCapture childLog;
+      if (!File::Write(doc, Doc(1))) return 11;
+      if (File::Write(doc, big)) return 12;
+      if (childLog.Summary() !=
+          Lines{"ERR Write: Failed to write [" + JsonToString(big) + "] to [" + doc + "]."}) {
+        return 13;
+      }
+      if (Parsed(doc) != JsonToString(Doc(1))) return 14;
+      if (Entries(mnt) != std::set<std::string>{path}) return 15;
+    }
+    return 0;
+  });
+  EXPECT_EQ(code, 0);
+}
+
+TEST_F(FileWriteTest, BindMountedFileIsWrittenThrough) {
+  VANTDR_ON_PRIVATE_TMPFS(code, 1 << 20, [&](const std::string& mnt) {
+    const std::string source = mnt + "/source", mounted = mnt + "/mounted";
+    if (!WriteText(source, "old") || !WriteText(mounted, "")) return 10;
+    if (mount(source.c_str(), mounted.c_str(), nullptr, MS_BIND, nullptr) != 0) return 11;
+    if (!File::Write(mounted, Doc(1))) return 12;
+    if (Parsed(source) != JsonToString(Doc(1))) return 13;
+    return Parsed(mounted) == JsonToString(Doc(1)) ? 0 : 14;
+  });
+  EXPECT_EQ(code, 0);
+}
+
+TEST_F(FileWriteTest, KilledWritersLeaveNoTemporaryFile) {
+  const std::string path = dir.File("doc");
+  const Json::Value first = Doc(0, 1000), a = Doc(1, 300 * 1024), b = Doc(2, 300 * 1024);
+  const std::set<std::string> whole = {JsonToString(first), JsonToString(a), JsonToString(b)};
+  ASSERT_TRUE(File::Write(path, first));
+  // Leftovers of live processes and names that are not ours stay.
+  const std::vector<std::string> foreign = {".vantdr-tmp.1.0", ".vantdr-tmp.x.0", "other"};
+  for (const std::string& name : foreign) ASSERT_TRUE(WriteText(dir.File(name), "keep"));
+  std::set<std::string> expected(foreign.begin(), foreign.end());
+  expected.insert("doc");
+
+  const unsigned seed = std::random_device{}();
+  SCOPED_TRACE("seed " + std::to_string(seed));
+  std::mt19937 random(seed);
+  const bool bothKinds = TemporaryKinds().size() == 2;
+  int leftBehind = 0;
+  for (int round = 0; round < 40; ++round) {
+    const bool unnamed = round % 2 == 0 || !bothKinds;
+    const pid_t writer = StartChild([&] {
+      if (!unnamed && !RefuseUnnamedTemporaryFiles()) return 3;
+      for (;;) {
+        if (!File::Write(path, a) || !File::Write(path, b)) return 4;
+      }
+    });
+    usleep(std::uniform_int_distribution<useconds_t>(0, 30000)(random));
+    ::kill(writer, SIGKILL);
+    ASSERT_EQ(WaitChild(writer).signal, SIGKILL);
+    EXPECT_EQ(whole.count(ReadText(path)), 1u) << "after kill " << round;
+    leftBehind += Entries(dir.path()) != expected;
+    // The next write in the directory removes what the dead one left.
+    EXPECT_EQ(RunInChild([&] {
+                if (!unnamed && !RefuseUnnamedTemporaryFiles()) return 3;
+                return File::Write(path, first) ? 0 : 4;
+              }).exitCode,
+              0);
+    EXPECT_EQ(Entries(dir.path()), expected) << "after kill " << round;
+  }
+  std::printf("[ killed  ] 40 writers, %d left a named temporary file until the next write\n",
+              leftBehind);
+}
+
+TEST_F(FileWriteTest, ConcurrentReadersSeeOldOrNewNeverPart) {
+  const std::string plain = dir.File("plain");
+  TestCache cache(dir.path());
+  const Json::Value a = Doc(1, 64 * 1024), b = Doc(2, 64 * 1024);
+  ASSERT_TRUE(File::Write(plain, a));
+  ASSERT_TRUE(cache.UpdateWithData(a));
+  const pid_t writer = StartChild([&] {
+    for (int i = 0; i < 150; ++i) {
+      const Json::Value& doc = i % 2 ? a : b;
+      if (!File::Write(plain, doc) || !cache.UpdateWithData(doc)) return 1;
+    }
+    return 0;
+  });
+  int reads = 0, partial = 0;
+  do {
+    Json::Value back, stored;
+    partial += !JsonFromFile(back, plain) || (back != a && back != b);
+    partial += !JsonFromFile(stored, cache.GetCachePath()) || !stored.isObject() ||
+               (stored["cached_data"] != a && stored["cached_data"] != b);
+    ++reads;
+  } while (waitpid(writer, nullptr, WNOHANG) == 0);
+  EXPECT_EQ(partial, 0) << "of " << reads << " reads";
+  EXPECT_GT(reads, 10);
+  std::printf("[ readers ] %d reads of each file during 300 writes, %d partial\n", reads, partial);
+}
+
+TEST_F(FileWriteTest, LinksPlantedAtTheWritersNamesAreNeverFollowed) {
+  const std::string victim = dir.File("victim");
+  ASSERT_TRUE(WriteText(victim, "precious"));
+  const auto plantTemporaries = [&](pid_t pid) {
+    for (int k = 0; k < 10; ++k) {
+      const std::string name = ".vantdr-tmp." + std::to_string(pid) + "." + std::to_string(k);
+      if (symlink(victim.c_str(), dir.File(name).c_str()) != 0) return false;
+    }
+    return true;
+  };
+  // The pid file: a link at its own name is replaced, not followed.
+  const std::string pidFile = dir.File("updater.pid");
+  for (bool unnamed : TemporaryKinds()) {
+    ASSERT_EQ(symlink(victim.c_str(), pidFile.c_str()), 0);
+    const pid_t creator = StartChild([&] {
+      if (!unnamed && !RefuseUnnamedTemporaryFiles()) return 3;
+      if (!plantTemporaries(getpid())) return 4;
+      return VLIBCProcPidFileCreate(pidFile.c_str()) == 0 ? 0 : 5;
+    });
+    EXPECT_EQ(WaitChild(creator).exitCode, 0);
+    EXPECT_EQ(ReadText(victim), "precious");
+    EXPECT_TRUE(S_ISREG(Lstat(pidFile).st_mode));
+    EXPECT_EQ(ReadText(pidFile), std::to_string(creator) + "\n");
+    ASSERT_EQ(unlink(pidFile.c_str()), 0);
+  }
+  // The document writers: links at temporary names are skipped.
+  ASSERT_TRUE(plantTemporaries(getpid()));
+  ASSERT_TRUE(File::Write(dir.File("doc"), Doc(1)));
+  ASSERT_TRUE(JsonToFile(Doc(2), dir.File("doc")));
+  EXPECT_EQ(Parsed(dir.File("doc")), JsonToString(Doc(2)));
+  EXPECT_EQ(ReadText(victim), "precious");
+}
+
+TEST_F(FileWriteTest, FailedPidFileWritesKeepTheOldFileAndReportWhy) {
+  const std::string pidFile = dir.File("updater.pid");
+  ASSERT_TRUE(WriteText(pidFile, "1\n"));
+  for (bool unnamed : TemporaryKinds()) {
+    // A file size limit makes the write stop short, then fail with EFBIG.
+    EXPECT_EQ(RunInChild([&] {
+                if (!unnamed && !RefuseUnnamedTemporaryFiles()) return 3;
+                const struct rlimit limit = {2, 2};
+                signal(SIGXFSZ, SIG_IGN);
+                if (setrlimit(RLIMIT_FSIZE, &limit) != 0) return 4;
+                errno = 0;
+                if (VLIBCProcPidFileCreate(pidFile.c_str()) != -1) return 5;
+                return errno == EFBIG ? 0 : 6;
+              }).exitCode,
+              0);
+    EXPECT_EQ(ReadText(pidFile), "1\n");
+    EXPECT_EQ(Entries(dir.path()), std::set<std::string>{"updater.pid"});
+  }
+}
+
+}  // namespace
