@@ -11,6 +11,7 @@
 #include "support/log_capture.h"
 #include "support/process.h"
 #include "support/temp_dir.h"
+#include "support/timing.h"
 
 using namespace VantDRCore;
 using namespace VantDRTest;
@@ -18,13 +19,6 @@ using namespace VantDRTest;
 namespace {
 
 const int kExclusive = LOCK_EX | LOCK_NB;
-
-template <typename Body>
-double SecondsTaken(Body body) {
-  const auto start = std::chrono::steady_clock::now();
-  body();
-  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-}
 
 TEST(FileLock, LockFileStateAndMode) {
   if (geteuid() != 0) GTEST_SKIP();
@@ -72,11 +66,11 @@ TEST(FileLock, TimeoutsAgainstAnotherHolder) {
   char c = 0;
   ASSERT_EQ(read(ready[0], &c, 1), 1);
   FileLock waiter(name);
-  EXPECT_LT(SecondsTaken([&] { EXPECT_FALSE(waiter.lock(kExclusive, 0)); }), 0.5);
+  EXPECT_LT(SecondsTaken([&] { EXPECT_FALSE(waiter.lock(kExclusive, 0)); }), Bound(0.5));
   const double waited = SecondsTaken([&] { EXPECT_FALSE(waiter.lock(kExclusive, 1)); });
-  EXPECT_TRUE(waited > 0.9 && waited < 3.0) << waited;
+  EXPECT_TRUE(waited > 0.9 && waited < Bound(3.0)) << waited;
   ASSERT_EQ(write(release[1], &c, 1), 1);  // the holder lets go 0.3 s later
-  EXPECT_LT(SecondsTaken([&] { EXPECT_TRUE(waiter.lock(kExclusive, 1)); }), 0.9);
+  EXPECT_LT(SecondsTaken([&] { EXPECT_TRUE(waiter.lock(kExclusive, 1)); }), Bound(0.9));
   EXPECT_EQ(WaitChild(pid).exitCode, 0);
   unlink(FileLock::getLockFilePath(name).c_str());
 }

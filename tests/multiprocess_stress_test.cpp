@@ -1,5 +1,6 @@
 // Real processes contending for one database, one cache and one lock.
 #include <gtest/gtest.h>
+#include <json/writer.h>
 #include <signal.h>
 #include <sys/file.h>
 #include <sys/wait.h>
@@ -15,6 +16,7 @@
 
 #include "support/process.h"
 #include "support/test_cache.h"
+#include "support/timing.h"
 #include "vantcore/vlibc.h"
 #include "vantdr/file_lock.h"
 #include "vantdr/sqlite_db.h"
@@ -62,7 +64,8 @@ TEST_F(StressTest, ConcurrentInsertsLoseNoRow) {
       kProcs,
       [&](int p) {
         setlogmask(LOG_UPTO(LOG_NOTICE));  // one INFO line per insert otherwise
-        SqliteDB db(dir.File("s.db"), 5, "stress");
+        // Each retry is about a second of waiting: emulated, a turn comes later.
+        SqliteDB db(dir.File("s.db"), static_cast<unsigned>(5 * TimeScale()), "stress");
         InsertCommand insert;
         insert.SetTable(table);
         insert.AddFieldValue("who", p);
@@ -92,7 +95,7 @@ TEST_F(StressTest, SimultaneousStaleReadersFetchOnceAndAKilledUpdaterBlocksNothi
                 16,
                 [&](int) {
                   const auto begin = Clock::now();
-                  return cache.Read() == Data(1) && Since(begin) < 1.0 ? 0 : 1;
+                  return cache.Read() == Data(1) && Since(begin) < Bound(1.0) ? 0 : 1;
                 },
                 served),
             0);
@@ -109,7 +112,10 @@ TEST_F(StressTest, SimultaneousStaleReadersFetchOnceAndAKilledUpdaterBlocksNothi
 
   ASSERT_TRUE(WriteText(dir.File("release"), ""));
   const auto start = Clock::now();
-  EXPECT_EQ(cache.Read(), Data(1));
+  // Old data, or the new when the detached updater wrote before Read looked
+  // again (emulated, the child often wins).
+  const Json::Value again = cache.Read();
+  EXPECT_TRUE(again == Data(1) || again == Data(7)) << again;
   // Well inside the 5 s of any lock time-out.
   EXPECT_TRUE(WaitFor([&] { return cache.Fetches() == 2; }, 2));
   const double restarted = Since(start);

@@ -15,7 +15,7 @@
 
 #include <json/value.h>
 
-#include <ctime>
+#include <cstdint>
 #include <string>
 
 #include "vantdr/export.h"
@@ -97,12 +97,16 @@ class VANTDR_API Cache {
 
  private:
   static std::string GetCachedPath(const std::string& dir, const std::string& file);
-  // The file's st_mtime; -1 when it cannot be had.
-  time_t ModifiedTime() const;
+  // The file's st_mtime; -1 when it cannot be had. Times are int64_t, not
+  // time_t, so that the layout does not depend on the caller's _TIME_BITS.
+  int64_t ModifiedTime() const;
   // As the public forms, for a modification time already taken, so that a
   // read of an unchanged file needs only one stat.
-  bool IsTimeout(time_t modified) const;
-  Json::Value GetCachedData(time_t modified) const;
+  bool IsTimeout(int64_t modified) const;
+  Json::Value GetCachedData(int64_t modified) const;
+  // UpdateWithData with full-width times: a 32-bit long cannot hold the
+  // clock after 2038.
+  bool Store(const Json::Value& data, int64_t begin, int64_t finish) const;
 
   std::string cachePath_;
   long timeout_;
@@ -111,7 +115,7 @@ class VANTDR_API Cache {
   mutable Json::Value data_;
   // Modification time of the file when data_ was taken from or written to
   // it; -1 before that.
-  mutable time_t loadedModifiedTime_;
+  mutable int64_t loadedModifiedTime_;
 };
 
 }  // namespace VantDRCore

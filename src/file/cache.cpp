@@ -8,6 +8,8 @@
 
 #include <algorithm>
 #include <climits>
+#include <cstdint>
+#include <ctime>
 
 #include "file/lock_files.h"
 #include "foundation/no_throw.h"
@@ -153,21 +155,21 @@ bool Cache::IsUpdatedDataRequired() const try {
 }
 VANTDR_CATCH_ALL(false)
 
-time_t Cache::ModifiedTime() const {
+int64_t Cache::ModifiedTime() const {
   struct stat st;
   if (cachePath_.empty() || stat(cachePath_.c_str(), &st) != 0) return -1;
-  return st.st_mtime;
+  return static_cast<int64_t>(st.st_mtime);
 }
 
 bool Cache::IsTimeout() const { return IsTimeout(ModifiedTime()); }
 
-bool Cache::IsTimeout(time_t modified) const {
+bool Cache::IsTimeout(int64_t modified) const {
   // A missing file is stale whatever the time-out, even one longer than the
   // time since the epoch.
   if (modified == -1) return true;
   const time_t now = time(nullptr);
   if (now == static_cast<time_t>(-1)) return true;
-  return static_cast<double>(timeout_) < difftime(now, modified);
+  return static_cast<double>(timeout_) < difftime(now, static_cast<time_t>(modified));
 }
 
 int Cache::GetMaxUpdateTime() const try {
@@ -183,7 +185,7 @@ bool Cache::Load() const try {
     VLOG_DEBUG("no data is cached in [%s]", cachePath_.c_str());
     return false;
   }
-  const time_t modified = ModifiedTime();
+  const int64_t modified = ModifiedTime();
   Json::Value doc;
   if (!JsonFromFile(doc, cachePath_)) {
     VLOG_DEBUG("Failed to read data from cache [%s]", cachePath_.c_str());
@@ -197,7 +199,7 @@ VANTDR_CATCH_ALL(false)
 
 Json::Value Cache::GetCachedData() const { return GetCachedData(ModifiedTime()); }
 
-Json::Value Cache::GetCachedData(time_t modified) const try {
+Json::Value Cache::GetCachedData(int64_t modified) const try {
   if (modified != -1 && modified == loadedModifiedTime_) return data_;
   if (!Load()) {
     data_ = GetDefaultValue();
@@ -208,7 +210,7 @@ Json::Value Cache::GetCachedData(time_t modified) const try {
 VANTDR_CATCH_ALL(Json::Value())
 
 Json::Value Cache::Read() const try {
-  const time_t modified = ModifiedTime();
+  const int64_t modified = ModifiedTime();
   const bool unchanged = modified != -1 && modified == loadedModifiedTime_;
   Json::Value data = GetCachedData(modified);
   // After a reload the file may be newer than the first look at it.
@@ -223,10 +225,21 @@ VANTDR_CATCH_ALL(Json::Value())
 
 bool Cache::UpdateWithData(const Json::Value& data) const { return UpdateWithData(data, 0, 0); }
 
-bool Cache::UpdateWithData(const Json::Value& data, long begin, long finish) const try {
+bool Cache::UpdateWithData(const Json::Value& data, long begin, long finish) const {
+  return Store(data, begin, finish);
+}
+
+// Store is UpdateWithData at full width: its lines carry the public name.
+#define VLOG_DEBUG_AS_UPDATE(...)                                                               \
+  do {                                                                                          \
+    if (LogEnabled(LOG_DEBUG))                                                                  \
+      LogPrintf(LOG_DEBUG, VANTDR_FILE_NAME, __LINE__, "UpdateWithData", "DEBUG", __VA_ARGS__); \
+  } while (0)
+
+bool Cache::Store(const Json::Value& data, int64_t begin, int64_t finish) const try {
   if (!IsValidData(data)) {
-    VLOG_DEBUG("[%s] is not valid to update for cache [%s]", JsonToString(data).c_str(),
-               JsonToString(GetCacheInfo()).c_str());
+    VLOG_DEBUG_AS_UPDATE("[%s] is not valid to update for cache [%s]", JsonToString(data).c_str(),
+                         JsonToString(GetCacheInfo()).c_str());
     return false;
   }
   if (begin <= 0 || finish <= 0) begin = finish = 0;
@@ -254,8 +267,8 @@ bool Cache::UpdateWithData(const Json::Value& data, long begin, long finish) con
       return true;
     }
     if (retryLimit_ < attempt) {
-      VLOG_DEBUG("Failed to write cache to file [%s] and reach retry limit[%d]", cachePath_.c_str(),
-                 retryLimit_);
+      VLOG_DEBUG_AS_UPDATE("Failed to write cache to file [%s] and reach retry limit[%d]",
+                           cachePath_.c_str(), retryLimit_);
       return false;
     }
     RandomSleepInMSec(300, 1000);
@@ -269,7 +282,9 @@ bool Cache::DoUpdate() const try {
     Json::Value data;
     if (GetUpdatedData(data)) {
       const time_t finish = time(nullptr);
-      return UpdateWithData(data, static_cast<long>(begin), static_cast<long>(finish));
+      // Not through UpdateWithData's long: on 32-bit ARM that would turn a
+      // clock past 2038 into "no fetch times".
+      return Store(data, begin, finish);
     }
     if (retryLimit_ < attempt) break;
     RandomSleepInMSec(500, 1000);

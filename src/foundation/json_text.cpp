@@ -546,7 +546,14 @@ bool JsonFromFile(Json::Value& out, const std::string& path) try {
   } closer{fd};
   std::string text;
   struct stat st;
-  if (fstat(fd, &st) == 0 && st.st_size > 0) text.reserve(static_cast<size_t>(st.st_size));
+  // More than a string holds (possible with a 32-bit size_t) is refused, not
+  // truncated into a wrong reservation.
+  const bool sized = fstat(fd, &st) == 0 && st.st_size > 0;
+  if (sized && static_cast<uint64_t>(st.st_size) > text.max_size()) {
+    close(fd);
+    return false;
+  }
+  if (sized) text.reserve(static_cast<size_t>(st.st_size));
   char buffer[65536];
   ssize_t n;
   while ((n = read(fd, buffer, sizeof buffer)) != 0) {

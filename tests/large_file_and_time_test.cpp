@@ -1,0 +1,173 @@
+// Files of 2 GiB and more, dates after 2038, and one ABI for callers built
+// with or without the large-file and 64-bit time flags. These fail on 32-bit
+// ARM when a part of the project is built with 32-bit off_t or time_t.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <filesystem>
+#include <fstream>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "support/layout.h"
+#include "support/log_capture.h"
+#include "support/temp_dir.h"
+#include "support/test_cache.h"
+#include "vantcore/vlibc.h"
+#include "vantdr/json_text.h"
+#include "vantdr/sqlite_db.h"
+
+using namespace VantDRCore;
+using namespace VantDRTest;
+
+namespace {
+
+const SqliteTableHandler kJobs("job", "id INTEGER PRIMARY KEY, name TEXT");
+const int64_t k3GiB = int64_t{3} << 30;
+const int64_t k2040 = 2208988800;  // 2040-01-01 00:00:00 UTC
+
+std::vector<std::string> Names(const std::vector<SqliteValueList>& rows) {
+  std::vector<std::string> names;
+  for (const SqliteValueList& row : rows) {
+    std::string name;
+    names.push_back(row.GetValue("name", name) ? name : "?");
+  }
+  return names;
+}
+
+// Rows as another connection sees them.
+int RawCount(const std::string& path) {
+  sqlite3* handle = nullptr;
+  sqlite3_stmt* stmt = nullptr;
+  int count = -1;
+  if (sqlite3_open_v2(path.c_str(), &handle, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK &&
+      sqlite3_prepare_v2(handle, "SELECT count(*) FROM job", -1, &stmt, nullptr) == SQLITE_OK &&
+      sqlite3_step(stmt) == SQLITE_ROW) {
+    count = sqlite3_column_int(stmt, 0);
+  }
+  sqlite3_finalize(stmt);
+  sqlite3_close(handle);
+  return count;
+}
+
+bool SetModifiedTime(const std::string& path, int64_t when) {
+  const struct timespec times[2] = {{static_cast<time_t>(when), 0}, {static_cast<time_t>(when), 0}};
+  return utimensat(AT_FDCWD, path.c_str(), times, 0) == 0;
+}
+
+TEST(LargeFile, SparseDatabaseOf3GiBIsFoundReadAndDeletedFrom) {
+  LogCapture quiet;
+  TempDir dir;
+  const std::string path = dir.File("big.db");
+  {
+    SqliteDB db(path, 0, "big");
+    for (int id = 1; id <= 3; ++id) {
+      InsertCommand insert;
+      insert.SetTable(kJobs);
+      insert.AddFieldValue("id", id);
+      insert.AddFieldValue("name", "job" + std::to_string(id));
+      ASSERT_TRUE(db.InsertRecord(insert));
+    }
+  }
+  // SQLite reads the size from the header and ignores the zeros after it.
+  ASSERT_EQ(truncate(path.c_str(), static_cast<off_t>(k3GiB)), 0);
+  struct stat st;
+  ASSERT_EQ(stat(path.c_str(), &st), 0);
+  ASSERT_EQ(static_cast<int64_t>(st.st_size), k3GiB);
+  EXPECT_EQ(VLIBCFileExist(path.c_str()), 1);
+  EXPECT_EQ(VLIBCFileCheckDir(path.c_str()), 0);
+  if (sizeof(size_t) == 4) {  // natively it would be read, 3 GiB of zeros
+    Json::Value text = "left";
+    EXPECT_FALSE(JsonFromFile(text, path));  // more than a string can hold, without throwing
+    EXPECT_TRUE(text.isNull());
+  }
+
+  SqliteDB db(path, 0, "big");
+  EXPECT_TRUE(db.IsExisted());
+  SelectCommand select;
+  select.SetTable(kJobs);
+  select.SelectAll();
+  std::vector<SqliteValueList> rows;
+  ASSERT_TRUE(db.SelectRecords(select, rows));
+  EXPECT_EQ(Names(rows), (std::vector<std::string>{"job1", "job2", "job3"}));
+  int count = -1;
+  EXPECT_TRUE(db.GetCount(kJobs, count));
+  EXPECT_EQ(count, 3);
+
+  EXPECT_TRUE(db.DeleteRecord("id=2", kJobs));
+  EXPECT_EQ(RawCount(path), 2);
+  EXPECT_TRUE(db.DeleteAllRecords(kJobs));
+  EXPECT_EQ(db.GetErr()["err_code"], 0);
+  db.Close();
+  EXPECT_EQ(RawCount(path), 0);
+}
+
+class Year2040 : public CacheFixture {};
+
+TEST_F(Year2040, CacheFileIsJudgedByItsRealAge) {
+  LogCapture quiet;
+  TestCache writer(dir.path());
+  ASSERT_TRUE(writer.UpdateWithData(Data(1)));
+  ASSERT_TRUE(SetModifiedTime(writer.GetCachePath(), k2040));
+  struct stat st;
+  ASSERT_EQ(stat(writer.GetCachePath().c_str(), &st), 0);
+  ASSERT_EQ(static_cast<int64_t>(st.st_mtime), k2040);
+
+  // Dated in the future, the file is younger than any time-out: served as it
+  // is, with no fetch.
+  TestCache reader(dir.path());
+  EXPECT_FALSE(reader.IsTimeout());
+  EXPECT_EQ(reader.GetCachedData(), Data(1));
+  EXPECT_EQ(reader.Read(), Data(1));
+  EXPECT_EQ(reader.Fetches(), 0);
+
+  // One second later in 2040 is a different file: reloaded.
+  ASSERT_TRUE(WriteText(writer.GetCachePath(), R"({"cached_data":{"v":2}})"));
+  ASSERT_TRUE(SetModifiedTime(writer.GetCachePath(), k2040 + 1));
+  EXPECT_EQ(reader.Read(), Data(2));
+
+  // Back to a real age past the time-out: stale, refreshed.
+  ASSERT_TRUE(reader.SetAge(101));
+  EXPECT_TRUE(reader.IsTimeout());
+  ASSERT_TRUE(reader.DoUpdate());
+  EXPECT_EQ(reader.Fetches(), 1);
+  EXPECT_FALSE(reader.IsTimeout());
+  EXPECT_EQ(TestCache(dir.path()).GetCachedData(), Data(7));
+}
+
+// The public headers as installed: with comments removed, none names a type
+// whose width follows _FILE_OFFSET_BITS or _TIME_BITS.
+TEST(PublicInterface, SharesOneAbiWhateverTheCallersFlags) {
+  const std::regex widthFollowsFlags(
+      R"(\b(time_t|off_t|off64_t|ino_t|blkcnt_t|fsblkcnt_t|fsfilcnt_t|suseconds_t)\b|)"
+      R"(\bstruct\s+(stat|stat64|timespec|timeval|dirent|statfs|statvfs)\b)");
+  const std::regex comment(R"(//[^\n]*|/\*[\s\S]*?\*/)");
+  int headers = 0;
+  for (const char* root : {"/include/vantdr", "/platform/include"}) {
+    for (const auto& entry :
+         std::filesystem::recursive_directory_iterator(std::string(VANTDR_SOURCE_DIR) + root)) {
+      if (entry.path().extension() != ".h") continue;
+      ++headers;
+      std::ifstream in(entry.path());
+      std::stringstream text;
+      text << in.rdbuf();
+      const std::string code = std::regex_replace(text.str(), comment, "");
+      std::smatch found;
+      EXPECT_FALSE(std::regex_search(code, found, widthFollowsFlags))
+          << entry.path() << " names " << found.str();
+    }
+  }
+  EXPECT_GE(headers, 15);
+
+  // What a caller sees without the flags is what the library was built with.
+  const std::vector<ClassLayout> ours = VANTDR_PUBLIC_LAYOUTS;
+  EXPECT_EQ(LayoutsWithDefaultFlags(), ours);
+}
+
+}  // namespace
