@@ -189,32 +189,25 @@ VANTDR_FAIL(int, pipe2, kPipe2, -1, (int fds[2], int flags), (fds, flags), noexc
 VANTDR_FAIL(int, setresuid, kSetresuid, -1, (uid_t r, uid_t e, uid_t s), (r, e, s), noexcept)
 VANTDR_FAIL(int, setresgid, kSetresgid, -1, (gid_t r, gid_t e, gid_t s), (r, e, s), noexcept)
 
-int fflush(FILE* stream) {
+int fflush(FILE* stream) {  // fflush(nullptr) at exit is never failed
   if (stream != nullptr && Inject(kWrite)) return EOF;
   VANTDR_NEXT(fflush);
   return next(stream);
 }
 
 // Linux releases the descriptor even when close reports an error.
-int close(int fd) {
-  const bool fail = Inject(kClose);
-  const int error = errno;
-  VANTDR_NEXT(close);
-  const int result = next(fd);
-  if (!fail) return result;
-  errno = error;
-  return -1;
-}
-
-int fclose(FILE* stream) {
-  const bool fail = Inject(kClose);
-  const int error = errno;
-  VANTDR_NEXT(fclose);
-  const int result = next(stream);
-  if (!fail) return result;
-  errno = error;
-  return EOF;
-}
+#define VANTDR_RELEASE(name, type, failed) \
+  int name(type handle) {                  \
+    const bool fail = Inject(kClose);      \
+    const int error = errno;               \
+    VANTDR_NEXT(name);                     \
+    const int result = next(handle);       \
+    if (!fail) return result;              \
+    errno = error;                         \
+    return failed;                         \
+  }
+VANTDR_RELEASE(close, int, -1)
+VANTDR_RELEASE(fclose, FILE*, EOF)
 
 pid_t fork() noexcept {
   if (Inject(kFork)) return -1;
