@@ -80,9 +80,7 @@ bool LockedElsewhere(const std::string& path) {
   return locked;
 }
 
-// A cache for the walk: fetches {"v":2,...} at once and writes exactly once.
-// With a gate (a pipe), a forked fetch waits for the end of file, so the
-// caller never races its own updater.
+// Fetches Doc(2); with a gate (a pipe) the fetch waits for its end of file.
 struct WalkCache : Cache {
   WalkCache(const std::string& dir, bool required, const int* gate = nullptr)
       : Cache(dir, "walk", 100, required, -1), gate(gate) {}
@@ -123,8 +121,7 @@ struct Operation {
   std::string name;
   std::function<void()> setup;  // runs without faults, before the descriptor count
   std::function<bool()> run;    // under the fault; true for the success result
-  // Runs without faults after `run`; "" when the state is right. `clean` is
-  // true for the fault-free run, where the operation must fully succeed.
+  // After `run`, without faults: "" when right; `clean` for the fault-free run.
   std::function<std::string(bool ok, bool clean)> check;
   int extraLines = 1;  // log lines a failure may add to a clean run's
   // Entries of the directory a failure may leave, besides those there before.
@@ -262,8 +259,7 @@ std::vector<Operation> FileOperations(const std::string& home) {
   auto value = std::make_shared<Json::Value>();
   auto map = std::make_shared<std::map<std::string, int>>();
   auto count = std::make_shared<int>(0);
-  // After a descriptor form, the caller's descriptor is closed exactly when
-  // the stream could be made; the walk closes what is left.
+  // The caller's descriptor is closed exactly when the stream could be made.
   auto descriptorState = [fd](bool opened) -> std::string {
     const bool open = fcntl(*fd, F_GETFD) >= 0;
     if (open) close(*fd);
@@ -284,9 +280,7 @@ std::vector<Operation> FileOperations(const std::string& home) {
                              : Expect(access(fresh.c_str(), F_OK) != 0, "failure left a file");
                  },
                  1, [](Faults::Call) { return std::set<std::string>{"fresh.json"}; }});
-  // Where a replacement would show, the document is written in place: the
-  // links stay whatever fails, a failure to open keeps the old document (a
-  // later failure may leave it cut, as fopen's truncation does).
+  // Written in place through links; a failed open keeps the old document.
   const std::string target = home + "/target.json", link = home + "/link.json";
   const std::string twin = home + "/twin.json";
   auto inPlace = [=](const std::string& path, bool ok) {
@@ -411,16 +405,13 @@ std::vector<Operation> LockAndCacheOperations(const std::string& home, const std
                  [=] { return WalkCache(home, true).Update(); },
                  [=](bool, bool clean) {
                    unlink(pidPath.c_str());
-                   // A failed first look at the pid file counts as someone else
-                   // updating: the caller waits until nobody is, and gets true.
+                   // A failed look at the pid file means waiting for "another" updater.
                    const Json::Value data = CachedData(cachePath);
                    return Expect(data == Doc(2) || (!clean && data == Doc(1)),
                                  "cache file holds " + JsonToString(data));
                  },
                  3, pidLeftover});
-  // The forked updater holds the write end of `quiet`; its end of file says
-  // the updater has finished, so the next case starts from a quiet cache. It
-  // fetches only once the caller has closed `gate`.
+  // `quiet` ends when the forked updater does; it fetches once `gate` is closed.
   auto pipes = std::make_shared<std::array<int, 4>>();
   int* quiet = pipes->data();
   int* gate = pipes->data() + 2;
@@ -519,8 +510,7 @@ const std::vector<Faults::Call> kFileCalls = {
     Faults::kOpen,   Faults::kRead,   Faults::kWrite, Faults::kFsync, Faults::kClose,
     Faults::kRename, Faults::kUnlink, Faults::kFlock, Faults::kFork,  Faults::kPipe2};
 
-// A directory for the walk, in memory when /dev/shm allows: the walk syncs
-// thousands of files.
+// In memory when /dev/shm allows: the walk syncs thousands of files.
 class WalkDir {
  public:
   WalkDir() {
@@ -569,8 +559,7 @@ TEST_F(FaultWalk, FilesLocksCachesAndDatabases) {
   unlink(FileLock::getLockFilePath(lock).c_str());
 }
 
-// The privileged section's raise and restore, failed in a process whose
-// effective ids are not root's.
+// The privileged raise and restore failed, in a process not effectively root.
 TEST_F(FaultWalk, PrivilegedSectionsOfAnotherUser) {
   if (geteuid() != 0) GTEST_SKIP() << "switching users needs root";
   WalkDir dir;
@@ -638,8 +627,7 @@ TEST_F(HugeInput, LogLinesAreCutAt64KiB) {
   EXPECT_EQ(log.Lines()[0].message, "Cannot find separator[=] in line[" + fits + "]");
 }
 
-// Each allocation that grows with the input fails in turn: a failure result
-// or a success, at most one more line, the previous document kept.
+// Each input-sized allocation fails in turn: a result, no throw, old document kept.
 TEST_F(HugeInput, FailedAllocationsBecomeFailureResults) {
   const std::string kv = File("kv"), doc = File("doc.json"), cachePath = File("walk.cached");
   const std::string huge(kHuge, 'x');

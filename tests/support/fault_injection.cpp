@@ -1,6 +1,6 @@
 // The wrappers must define the plain and the 64-bit entry points as separate
 // symbols (the library may bind to either), and fortified inline versions
-// would clash with the definitions: declare them as glibc's base ABI does.
+// would clash with the definitions: declare them as the C library's base ABI does.
 #undef _FORTIFY_SOURCE
 #undef _TIME_BITS
 #undef _FILE_OFFSET_BITS
