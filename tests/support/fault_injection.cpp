@@ -137,11 +137,11 @@ mode_t ModeArgument(int flags, va_list ap) {
 
 #define VANTDR_NEXT(name) static const auto next = Next(&::name, #name)
 // A wrapper that fails with `failed` when its call is the one to fail.
-#define VANTDR_FAIL(type, name, kind, failed, params, args, spec) \
-  type name params spec {                                         \
-    if (Inject(kind)) return failed;                              \
-    VANTDR_NEXT(name);                                            \
-    return next args;                                             \
+#define VANTDR_FAIL(type, name, kind, failed, params, args, except) \
+  type name params except {                                         \
+    if (Inject(kind)) return failed;                                \
+    VANTDR_NEXT(name);                                              \
+    return next args;                                               \
   }
 // The open family: `mode` follows `flags` only when a file may be created.
 #define VANTDR_OPEN(name, params, args)          \
