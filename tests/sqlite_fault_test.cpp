@@ -1,6 +1,4 @@
-// SQLite databases that fail underneath SqliteDB: read-only, full, corrupt,
-// deleted while open, and busy in the middle of a query. Each failure leaves
-// its exact error record.
+// SQLite failing underneath SqliteDB; each failure leaves its exact error record.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sqlite3.h>
@@ -89,8 +87,7 @@ std::string InChild(const std::function<int(std::string&)>& body, int& code) {
   return text;
 }
 
-// A file the process may read but not write: SQLite opens it read-only and
-// refuses the write; reading still works.
+// A file the process may only read: the write is refused, reading still works.
 TEST(SqliteFaults, ReadOnlyFile) {
   if (geteuid() != 0) GTEST_SKIP() << "needs root to act as another user";
   TempDir dir;
@@ -115,9 +112,7 @@ TEST(SqliteFaults, ReadOnlyFile) {
             "refused " + Err(404, 8, "attempt to write a readonly database") + " read 1,2");
 }
 
-// A 64 KiB file system fills up: the insert that does not fit fails with
-// SQLITE_FULL, every row inserted before it stays, and the database stays
-// readable.
+// A full 64 KiB file system: SQLITE_FULL, earlier rows kept and readable.
 TEST(SqliteFaults, FullFileSystem) {
   if (geteuid() != 0) GTEST_SKIP() << "mounting needs root";
   int out[2];
@@ -146,8 +141,7 @@ TEST(SqliteFaults, FullFileSystem) {
             Err(404, 13, "database or disk is full") + " all kept");
 }
 
-// A file whose header is not SQLite's, and one whose table pages are
-// garbage: the operations fail with SQLITE_NOTADB and SQLITE_CORRUPT.
+// A foreign header gives SQLITE_NOTADB, garbage table pages SQLITE_CORRUPT.
 TEST(SqliteFaults, CorruptedHeaderAndPages) {
   TempDir dir;
   const std::string header = dir.File("header.db"), pages = dir.File("pages.db");
@@ -162,23 +156,20 @@ TEST(SqliteFaults, CorruptedHeaderAndPages) {
   ASSERT_TRUE(scribble(pages, 4096, 4096 * 4));  // the table's root and first leaves
 
   LogCapture log;
-  SqliteDB notDb(header, 0, "corrupt");
-  Rows rows;
-  EXPECT_FALSE(notDb.SelectRecords(AllItems(), rows));
-  EXPECT_EQ(JsonToString(notDb.GetErr()), Err(404, 26, "file is not a database"));
-  EXPECT_FALSE(notDb.InsertRecord(Item(9, "z")));
-  EXPECT_EQ(JsonToString(notDb.GetErr()), Err(404, 26, "file is not a database"));
-
-  SqliteDB broken(pages, 0, "corrupt");
-  EXPECT_FALSE(broken.SelectRecords(AllItems(), rows));
-  EXPECT_EQ(JsonToString(broken.GetErr()), Err(404, 11, "database disk image is malformed"));
-  EXPECT_TRUE(rows.empty());
-  EXPECT_FALSE(broken.InsertRecord(Item(201, "z")));
-  EXPECT_EQ(JsonToString(broken.GetErr()), Err(404, 11, "database disk image is malformed"));
+  for (const auto& [path, err] :
+       {std::make_pair(header, Err(404, 26, "file is not a database")),
+        std::make_pair(pages, Err(404, 11, "database disk image is malformed"))}) {
+    SqliteDB db(path, 0, "corrupt");
+    Rows rows;
+    EXPECT_FALSE(db.SelectRecords(AllItems(), rows)) << path;
+    EXPECT_EQ(JsonToString(db.GetErr()), err);
+    EXPECT_TRUE(rows.empty()) << path;
+    EXPECT_FALSE(db.InsertRecord(Item(201, "z"))) << path;
+    EXPECT_EQ(JsonToString(db.GetErr()), err);
+  }
 }
 
-// Deleted while the connection is open: a write is refused as a moved
-// database, and a read fails at the missing file with the record untouched.
+// Deleted while open: the write is refused as read-only, the read fails too.
 TEST(SqliteFaults, FileDeletedWhileOpen) {
   TempDir dir;
   const std::string path = dir.File("gone.db");
@@ -194,9 +185,7 @@ TEST(SqliteFaults, FileDeletedWhileOpen) {
   EXPECT_NE(access(path.c_str(), F_OK), 0);  // not recreated
 }
 
-// SQLITE_BUSY on the third row of a query: the two rows read stay in the
-// caller's vector; without retries the result is false with 405, with one
-// retry the query runs again and appends all its rows after them.
+// SQLITE_BUSY on the third row: rows read stay; no retry gives 405, one retry appends all rows.
 TEST(SqliteFaults, BusyInTheMiddleOfSelectRecords) {
   TempDir dir;
   const std::string path = dir.File("busy.db");

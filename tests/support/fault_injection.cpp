@@ -1,6 +1,6 @@
 // The wrappers must define the plain and the 64-bit entry points as separate
 // symbols (the library may bind to either), and fortified inline versions
-// would clash with the definitions: declare them as glibc's base ABI does.
+// would clash with the definitions: declare them as the C library's base ABI does.
 #undef _FORTIFY_SOURCE
 #undef _TIME_BITS
 #undef _FILE_OFFSET_BITS
@@ -77,20 +77,11 @@ const std::vector<int>& Errnos() {
 }
 
 const char* ErrnoName(int error) {
-  switch (error) {
-    case ENOSPC:
-      return "ENOSPC";
-    case EIO:
-      return "EIO";
-    case EMFILE:
-      return "EMFILE";
-    case EAGAIN:
-      return "EAGAIN";
-    case EINTR:
-      return "EINTR";
-    default:
-      return "?";
+  static const char* const names[] = {"ENOSPC", "EIO", "EMFILE", "EAGAIN", "EINTR"};
+  for (size_t i = 0; i < Errnos().size(); ++i) {
+    if (Errnos()[i] == error) return names[i];
   }
+  return "?";
 }
 
 void Arm(Call call, int nth, int error) {
@@ -145,161 +136,78 @@ mode_t ModeArgument(int flags, va_list ap) {
 }  // namespace
 
 #define VANTDR_NEXT(name) static const auto next = Next(&::name, #name)
-// Declares `mode`, the optional argument after `flags` of the open family.
-#define VANTDR_MODE_ARGUMENT(flags)            \
-  va_list ap;                                  \
-  va_start(ap, flags);                         \
-  const mode_t mode = ModeArgument(flags, ap); \
-  va_end(ap)
+// A wrapper that fails with `failed` when its call is the one to fail.
+#define VANTDR_FAIL(type, name, kind, failed, params, args, except) \
+  type name params except {                                         \
+    if (Inject(kind)) return failed;                                \
+    VANTDR_NEXT(name);                                              \
+    return next args;                                               \
+  }
+// The open family: `mode` follows `flags` only when a file may be created.
+#define VANTDR_OPEN(name, params, args)          \
+  int name params {                              \
+    va_list ap;                                  \
+    va_start(ap, flags);                         \
+    const mode_t mode = ModeArgument(flags, ap); \
+    va_end(ap);                                  \
+    if (Inject(kOpen)) return -1;                \
+    VANTDR_NEXT(name);                           \
+    return next args;                            \
+  }
 
 using namespace VantDRTest::Faults;
 
 extern "C" {
 
-int open(const char* path, int flags, ...) {
-  VANTDR_MODE_ARGUMENT(flags);
-  if (Inject(kOpen)) return -1;
-  VANTDR_NEXT(open);
-  return next(path, flags, mode);
-}
+VANTDR_OPEN(open, (const char* path, int flags, ...), (path, flags, mode))
+VANTDR_OPEN(open64, (const char* path, int flags, ...), (path, flags, mode))
+VANTDR_OPEN(openat, (int dirFd, const char* path, int flags, ...), (dirFd, path, flags, mode))
+VANTDR_OPEN(openat64, (int dirFd, const char* path, int flags, ...), (dirFd, path, flags, mode))
+VANTDR_FAIL(FILE*, fopen, kOpen, nullptr, (const char* path, const char* mode), (path, mode), )
+VANTDR_FAIL(FILE*, fopen64, kOpen, nullptr, (const char* path, const char* mode), (path, mode), )
+VANTDR_FAIL(FILE*, fdopen, kOpen, nullptr, (int fd, const char* mode), (fd, mode), noexcept)
+VANTDR_FAIL(ssize_t, read, kRead, -1, (int fd, void* buffer, size_t size), (fd, buffer, size), )
+VANTDR_FAIL(ssize_t, pread64, kRead, -1, (int fd, void* buffer, size_t size, off64_t offset),
+            (fd, buffer, size, offset), )
+VANTDR_FAIL(ssize_t, write, kWrite, -1, (int fd, const void* buffer, size_t size),
+            (fd, buffer, size), )
+VANTDR_FAIL(ssize_t, pwrite64, kWrite, -1,
+            (int fd, const void* buffer, size_t size, off64_t offset), (fd, buffer, size, offset), )
+VANTDR_FAIL(int, fsync, kFsync, -1, (int fd), (fd), )
+VANTDR_FAIL(int, fdatasync, kFsync, -1, (int fd), (fd), )
+VANTDR_FAIL(int, rename, kRename, -1, (const char* from, const char* to), (from, to), noexcept)
+VANTDR_FAIL(int, renameat, kRename, -1, (int fromDir, const char* from, int toDir, const char* to),
+            (fromDir, from, toDir, to), noexcept)
+VANTDR_FAIL(int, linkat, kRename, -1,
+            (int fromDir, const char* from, int toDir, const char* to, int flags),
+            (fromDir, from, toDir, to, flags), noexcept)
+VANTDR_FAIL(int, unlinkat, kUnlink, -1, (int dirFd, const char* path, int flags),
+            (dirFd, path, flags), noexcept)
+VANTDR_FAIL(int, unlink, kUnlink, -1, (const char* path), (path), noexcept)
+VANTDR_FAIL(int, flock, kFlock, -1, (int fd, int operation), (fd, operation), noexcept)
+VANTDR_FAIL(int, pipe2, kPipe2, -1, (int fds[2], int flags), (fds, flags), noexcept)
+VANTDR_FAIL(int, setresuid, kSetresuid, -1, (uid_t r, uid_t e, uid_t s), (r, e, s), noexcept)
+VANTDR_FAIL(int, setresgid, kSetresgid, -1, (gid_t r, gid_t e, gid_t s), (r, e, s), noexcept)
 
-int open64(const char* path, int flags, ...) {
-  VANTDR_MODE_ARGUMENT(flags);
-  if (Inject(kOpen)) return -1;
-  VANTDR_NEXT(open64);
-  return next(path, flags, mode);
-}
-
-int openat(int dirFd, const char* path, int flags, ...) {
-  VANTDR_MODE_ARGUMENT(flags);
-  if (Inject(kOpen)) return -1;
-  VANTDR_NEXT(openat);
-  return next(dirFd, path, flags, mode);
-}
-
-int openat64(int dirFd, const char* path, int flags, ...) {
-  VANTDR_MODE_ARGUMENT(flags);
-  if (Inject(kOpen)) return -1;
-  VANTDR_NEXT(openat64);
-  return next(dirFd, path, flags, mode);
-}
-
-FILE* fopen(const char* path, const char* mode) {
-  if (Inject(kOpen)) return nullptr;
-  VANTDR_NEXT(fopen);
-  return next(path, mode);
-}
-
-FILE* fopen64(const char* path, const char* mode) {
-  if (Inject(kOpen)) return nullptr;
-  VANTDR_NEXT(fopen64);
-  return next(path, mode);
-}
-
-FILE* fdopen(int fd, const char* mode) noexcept {
-  if (Inject(kOpen)) return nullptr;
-  VANTDR_NEXT(fdopen);
-  return next(fd, mode);
-}
-
-ssize_t read(int fd, void* buffer, size_t size) {
-  if (Inject(kRead)) return -1;
-  VANTDR_NEXT(read);
-  return next(fd, buffer, size);
-}
-
-ssize_t pread64(int fd, void* buffer, size_t size, off64_t offset) {
-  if (Inject(kRead)) return -1;
-  VANTDR_NEXT(pread64);
-  return next(fd, buffer, size, offset);
-}
-
-ssize_t write(int fd, const void* buffer, size_t size) {
-  if (Inject(kWrite)) return -1;
-  VANTDR_NEXT(write);
-  return next(fd, buffer, size);
-}
-
-ssize_t pwrite64(int fd, const void* buffer, size_t size, off64_t offset) {
-  if (Inject(kWrite)) return -1;
-  VANTDR_NEXT(pwrite64);
-  return next(fd, buffer, size, offset);
-}
-
-int fflush(FILE* stream) {
+int fflush(FILE* stream) {  // fflush(nullptr) at exit is never failed
   if (stream != nullptr && Inject(kWrite)) return EOF;
   VANTDR_NEXT(fflush);
   return next(stream);
 }
 
-int fsync(int fd) {
-  if (Inject(kFsync)) return -1;
-  VANTDR_NEXT(fsync);
-  return next(fd);
-}
-
-int fdatasync(int fd) {
-  if (Inject(kFsync)) return -1;
-  VANTDR_NEXT(fdatasync);
-  return next(fd);
-}
-
 // Linux releases the descriptor even when close reports an error.
-int close(int fd) {
-  const bool fail = Inject(kClose);
-  const int error = errno;
-  VANTDR_NEXT(close);
-  const int result = next(fd);
-  if (!fail) return result;
-  errno = error;
-  return -1;
-}
-
-int fclose(FILE* stream) {
-  const bool fail = Inject(kClose);
-  const int error = errno;
-  VANTDR_NEXT(fclose);
-  const int result = next(stream);
-  if (!fail) return result;
-  errno = error;
-  return EOF;
-}
-
-int rename(const char* from, const char* to) noexcept {
-  if (Inject(kRename)) return -1;
-  VANTDR_NEXT(rename);
-  return next(from, to);
-}
-
-int renameat(int fromDir, const char* from, int toDir, const char* to) noexcept {
-  if (Inject(kRename)) return -1;
-  VANTDR_NEXT(renameat);
-  return next(fromDir, from, toDir, to);
-}
-
-int linkat(int fromDir, const char* from, int toDir, const char* to, int flags) noexcept {
-  if (Inject(kRename)) return -1;
-  VANTDR_NEXT(linkat);
-  return next(fromDir, from, toDir, to, flags);
-}
-
-int unlinkat(int dirFd, const char* path, int flags) noexcept {
-  if (Inject(kUnlink)) return -1;
-  VANTDR_NEXT(unlinkat);
-  return next(dirFd, path, flags);
-}
-
-int unlink(const char* path) noexcept {
-  if (Inject(kUnlink)) return -1;
-  VANTDR_NEXT(unlink);
-  return next(path);
-}
-
-int flock(int fd, int operation) noexcept {
-  if (Inject(kFlock)) return -1;
-  VANTDR_NEXT(flock);
-  return next(fd, operation);
-}
+#define VANTDR_RELEASE(name, type, failed) \
+  int name(type handle) {                  \
+    const bool fail = Inject(kClose);      \
+    const int error = errno;               \
+    VANTDR_NEXT(name);                     \
+    const int result = next(handle);       \
+    if (!fail) return result;              \
+    errno = error;                         \
+    return failed;                         \
+  }
+VANTDR_RELEASE(close, int, -1)
+VANTDR_RELEASE(fclose, FILE*, EOF)
 
 pid_t fork() noexcept {
   if (Inject(kFork)) return -1;
@@ -307,24 +215,6 @@ pid_t fork() noexcept {
   const pid_t pid = next();
   if (pid == 0) ForkedChild();
   return pid;
-}
-
-int pipe2(int fds[2], int flags) noexcept {
-  if (Inject(kPipe2)) return -1;
-  VANTDR_NEXT(pipe2);
-  return next(fds, flags);
-}
-
-int setresuid(uid_t ruid, uid_t euid, uid_t suid) noexcept {
-  if (Inject(kSetresuid)) return -1;
-  VANTDR_NEXT(setresuid);
-  return next(ruid, euid, suid);
-}
-
-int setresgid(gid_t rgid, gid_t egid, gid_t sgid) noexcept {
-  if (Inject(kSetresgid)) return -1;
-  VANTDR_NEXT(setresgid);
-  return next(rgid, egid, sgid);
 }
 
 int usleep(useconds_t usec) {
