@@ -46,9 +46,8 @@ Json::Value Doc(int n, size_t padding = 16) {
 }
 
 struct stat Lstat(const std::string& path) {
-  struct stat st;
-  memset(&st, 0, sizeof st);
-  lstat(path.c_str(), &st);
+  struct stat st = {};
+  lstat(path.c_str(), &st);  // all zero when missing
   return st;
 }
 
