@@ -85,7 +85,7 @@ TEST_F(CacheTest, DocumentTimesAndInvalidData) {
 
 TEST_F(CacheTest, WriteAndFetchRetriesAreCounted) {
   if (geteuid() != 0) GTEST_SKIP();
-  ASSERT_EQ(mkdir(path.c_str(), 0755), 0);  // a directory cannot be replaced by a file
+  ASSERT_EQ(mkdir(path.c_str(), 0755), 0);  // cannot be replaced by a file
   for (int limit : {-1, 0, 1}) {
     const TestCache cache(dir.path(), false, limit);
     const std::string gaveUp = "Failed to write cache to file [" + path +

@@ -29,33 +29,29 @@ TEST(JsonTextTest, AcceptsExactlyRfc8259) {
       "\"\\ud83d\\ude00\"", "[\"h\xc3\xa9\"]", "{\"a\":1,\"a\":2}",
   };
   // clang-format on
-  for (const char* text : accepted) {
-    Json::Value v;
-    EXPECT_TRUE(JsonFromString(v, text)) << text;
-  }
-  Json::Value spaced;
-  EXPECT_TRUE(JsonFromString(
-      spaced, " \t\r\n{\"a\" : [1, {\"b\": null}], \"c\": \"\\u00e9\\n\\\"\\/\"} \n"));
+  Json::Value v;
+  for (const char* text : accepted) EXPECT_TRUE(JsonFromString(v, text)) << text;
+  EXPECT_TRUE(
+      JsonFromString(v, " \t\r\n{\"a\" : [1, {\"b\": null}], \"c\": \"\\u00e9\\n\\\"\\/\"} \n"));
   // clang-format off
   const char* rejected[] = {
       "", " ", "{", "[1,]", "{\"a\":1,}", "{\"a\" 1}", "{a:1}", "['x']", "01", "1.", ".5", "+1",
       "-", "1e", "0x10", "NaN", "Infinity", "tru", "nul", "{} {}", "1 2", "[1] x", "// c\n1",
       "/* c */ 1", "1 // trailing", "\"tab\there\"", "\"\\x\"", "\"\\u12g4\"", "\"unterminated",
-      "[1,,2]", "{\"a\"}",
+      "[1,,2]", "{\"a\"}", "1e999", "-1e999", "\"\\ud800\"", "\"\\ud800xxxxxx\"",
+      "\"\\ud800\\n\\u0041\"",
   };
   // clang-format on
   for (const char* text : rejected) {
-    Json::Value v = 5;
+    v = 5;
     EXPECT_FALSE(JsonFromString(v, text)) << text;
     EXPECT_TRUE(v.isNull()) << text;
   }
-  Json::Value v;
   EXPECT_FALSE(JsonFromString(v, std::string("1\0", 2)));             // a NUL after the value
   EXPECT_FALSE(JsonFromString(v, std::string("\"nul\0byte\"", 10)));  // raw control byte
 }
 
-// Whole numbers keep JsonCpp's types (Int64, then UInt64, then real), reals
-// are correctly rounded, and a lone high surrogate is refused.
+// Whole numbers take Int64, then UInt64, then real; a lone high surrogate is refused.
 TEST(JsonTextTest, ReadsNumbersAndEscapesToTheirTypes) {
   struct Case {
     const char* text;
@@ -91,18 +87,6 @@ TEST(JsonTextTest, ReadsNumbersAndEscapesToTheirTypes) {
     EXPECT_EQ(v.type(), c.type) << c.text;
     EXPECT_EQ(JsonToString(v), c.written) << c.text;
   }
-  for (const char* text :
-       {"1e999", "-1e999", "\"\\ud800\"", "\"\\ud800xxxxxx\"", "\"\\ud800\\n\\u0041\""}) {
-    Json::Value v = 1;
-    EXPECT_FALSE(JsonFromString(v, text)) << text;
-    EXPECT_TRUE(v.isNull()) << text;
-  }
-  Json::Value v;
-  ASSERT_TRUE(JsonFromString(v, "[18446744073709551615, -1, 2.5, \"\\u00e9\"]"));
-  EXPECT_EQ(v[0].asUInt64(), 18446744073709551615ULL);
-  EXPECT_EQ(v[1].asInt64(), -1);
-  EXPECT_EQ(v[2].asDouble(), 2.5);
-  EXPECT_EQ(v[3].asString(), "\xc3\xa9");
 }
 
 TEST(JsonTextTest, NestingIsBoundedWithoutCrashing) {
@@ -130,12 +114,10 @@ TEST(JsonTextTest, WritesCompactTextThatParsesBackEqual) {
   Json::Value back;
   ASSERT_TRUE(JsonFromString(back, text)) << text;
   EXPECT_EQ(back, doc);
-  EXPECT_EQ(JsonToString(Json::Value("a")), "\"a\"");
   EXPECT_EQ(JsonToString(Json::Value()), "null");
   EXPECT_EQ(JsonToString(Json::Value(Json::objectValue)), "{}");
 }
 
-// Exactly the text JsonCpp's stream writer gives, down to the odd cases.
 TEST(JsonTextTest, WritesRealsEscapesHolesAndCommentsAsBefore) {
   Json::Value v(Json::arrayValue);
   v.append(1.0);
@@ -173,8 +155,7 @@ Json::Value Nested(int depth) {
   return root;
 }
 
-// JsonCpp destroys a value recursively: a caller-built chain this deep must
-// be taken apart one level at a time.
+// Values are destroyed recursively: a chain this deep must be taken apart level by level.
 void Dismantle(Json::Value& v) {
   while (v.isArray() && !v.empty()) {
     Json::Value inner;
@@ -186,7 +167,6 @@ void Dismantle(Json::Value& v) {
 TEST(JsonTextTest, WritesOnlyWhatReadsBack) {
   TempDir dir;
   VantDRTest::LogCapture log;
-  // 513 arrays: the innermost lies at depth 512, the deepest the reader takes.
   Json::Value deepest = Nested(513);
   const std::string text = JsonToString(deepest);
   EXPECT_EQ(text, std::string(513, '[') + std::string(513, ']'));
@@ -233,14 +213,13 @@ TEST(JsonTextTest, FilesAreReplacedWholeAndFailuresLeaveTheOldFile) {
   ASSERT_TRUE(JsonFromFile(back, path));
   EXPECT_EQ(back, doc);
 
-  // An existing file keeps its permission bits across a rewrite.
+  // Mode and owner are kept across a rewrite (only root can give a file away).
   ASSERT_EQ(chmod(path.c_str(), 0600), 0);
   doc["k"] = "w";
   ASSERT_TRUE(JsonToFile(doc, path));
   struct stat st;
   ASSERT_EQ(stat(path.c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 07777, 0600u);
-  // ... and its owner, as a write in place would (only root can give it away).
   if (geteuid() == 0) {
     ASSERT_EQ(chown(path.c_str(), 65534, 65534), 0);
     ASSERT_TRUE(JsonToFile(doc, path));
@@ -248,14 +227,12 @@ TEST(JsonTextTest, FilesAreReplacedWholeAndFailuresLeaveTheOldFile) {
     EXPECT_EQ(st.st_uid, 65534u);
     EXPECT_EQ(st.st_gid, 65534u);
   }
-  // A new file gets 0666 less the umask, as fopen would give it.
   const mode_t mask = umask(0);
   ASSERT_TRUE(JsonToFile(doc, dir.File("new.json")));
   umask(mask);
   ASSERT_EQ(stat(dir.File("new.json").c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 07777, 0666u);
 
-  // A write that cannot happen leaves the old document in place.
   ASSERT_EQ(mkdir(dir.File("blocker.json").c_str(), 0755), 0);
   EXPECT_FALSE(JsonToFile(doc, dir.File("blocker.json")));  // a directory is not writable
   EXPECT_FALSE(JsonToFile(doc, dir.File("missing/doc.json")));
@@ -263,7 +240,6 @@ TEST(JsonTextTest, FilesAreReplacedWholeAndFailuresLeaveTheOldFile) {
   ASSERT_TRUE(JsonFromFile(back, path));
   EXPECT_EQ(back["k"], "w");
 
-  // Unreadable or unparsable files give false and a null value.
   back = 1;
   EXPECT_FALSE(JsonFromFile(back, dir.File("missing.json")));
   EXPECT_TRUE(back.isNull());

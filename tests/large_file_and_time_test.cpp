@@ -1,6 +1,4 @@
-// Files of 2 GiB and more, dates after 2038, and one ABI for callers built
-// with or without the large-file and 64-bit time flags. These fail on 32-bit
-// ARM when a part of the project is built with 32-bit off_t or time_t.
+// Files over 2 GiB, dates after 2038, and one ABI whatever the caller's large-file/time flags.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sqlite3.h>
@@ -65,15 +63,12 @@ TEST(LargeFile, SparseDatabaseOf3GiBIsFoundReadAndDeletedFrom) {
   LogCapture quiet;
   TempDir dir;
   const std::string path = dir.File("big.db");
-  {
-    SqliteDB db(path, 0, "big");
-    for (int id = 1; id <= 3; ++id) {
-      InsertCommand insert;
-      insert.SetTable(kJobs);
-      insert.AddFieldValue("id", id);
-      insert.AddFieldValue("name", "job" + std::to_string(id));
-      ASSERT_TRUE(db.InsertRecord(insert));
-    }
+  for (int id = 1; id <= 3; ++id) {
+    InsertCommand insert;
+    insert.SetTable(kJobs);
+    insert.AddFieldValue("id", id);
+    insert.AddFieldValue("name", "job" + std::to_string(id));
+    ASSERT_TRUE(SqliteDB(path, 0, "big").InsertRecord(insert));
   }
   // SQLite reads the size from the header and ignores the zeros after it.
   ASSERT_EQ(truncate(path.c_str(), static_cast<off_t>(k3GiB)), 0);
@@ -119,8 +114,7 @@ TEST_F(Year2040, CacheFileIsJudgedByItsRealAge) {
   ASSERT_EQ(stat(writer.GetCachePath().c_str(), &st), 0);
   ASSERT_EQ(static_cast<int64_t>(st.st_mtime), k2040);
 
-  // Dated in the future, the file is younger than any time-out: served as it
-  // is, with no fetch.
+  // Dated in the future, it is younger than any time-out: served with no fetch.
   TestCache reader(dir.path());
   EXPECT_FALSE(reader.IsTimeout());
   EXPECT_EQ(reader.GetCachedData(), Data(1));
@@ -141,8 +135,7 @@ TEST_F(Year2040, CacheFileIsJudgedByItsRealAge) {
   EXPECT_EQ(TestCache(dir.path()).GetCachedData(), Data(7));
 }
 
-// The public headers as installed: with comments removed, none names a type
-// whose width follows _FILE_OFFSET_BITS or _TIME_BITS.
+// No public header (comments aside) names a type whose width follows _FILE_OFFSET_BITS/_TIME_BITS.
 TEST(PublicInterface, SharesOneAbiWhateverTheCallersFlags) {
   const std::regex widthFollowsFlags(
       R"(\b(time_t|off_t|off64_t|ino_t|blkcnt_t|fsblkcnt_t|fsfilcnt_t|suseconds_t)\b|)"
