@@ -44,6 +44,15 @@ std::string AttachJobs(const std::string& path) {
          "INSERT INTO aux.job VALUES (1, 'aux');";
 }
 
+// Runs `sql` through a connection of its own.
+int ExecElsewhere(const std::string& path, const std::string& sql) {
+  sqlite3* other = nullptr;
+  sqlite3_open(path.c_str(), &other);
+  const int rc = sqlite3_exec(other, sql.c_str(), nullptr, nullptr, nullptr);
+  sqlite3_close(other);
+  return rc;
+}
+
 // A child holding BEGIN EXCLUSIVE on `path` for 1.5 s; returns once it holds.
 pid_t HoldExclusive(const std::string& path) {
   return VantDRTest::HoldSqliteLock(path, "BEGIN EXCLUSIVE");
@@ -172,13 +181,9 @@ TEST(SqliteDB, ReusedQueriesFollowSchemaChangesMadeElsewhere) {
   ASSERT_TRUE(db.Exec("CREATE TABLE t (a INTEGER); INSERT INTO t VALUES (1);"));
   std::vector<SqliteValueList> rows;
   ASSERT_TRUE(db.SelectByCommand("SELECT * FROM t", rows));
-  sqlite3* other = nullptr;
-  sqlite3_open(path.c_str(), &other);
   ASSERT_EQ(
-      sqlite3_exec(other, "DROP TABLE t; CREATE TABLE t (b TEXT); INSERT INTO t VALUES ('x');",
-                   nullptr, nullptr, nullptr),
+      ExecElsewhere(path, "DROP TABLE t; CREATE TABLE t (b TEXT); INSERT INTO t VALUES ('x');"),
       SQLITE_OK);
-  sqlite3_close(other);
   ASSERT_TRUE(db.SelectByCommand("SELECT * FROM t", rows));
   ASSERT_EQ(rows.size(), 2u);
   EXPECT_EQ(rows[0].ToStr() + " " + rows[1].ToStr(), "a:1 b:'x'");
@@ -198,13 +203,10 @@ TEST(SqliteDB, ReusedQueriesFollowSchemaChangesMadeElsewhere) {
   const SelectCommand select = AllJobs(SqliteEqual("id", 1));
   ASSERT_TRUE(db.SelectByCommand(select.GetCommand(), row));
   EXPECT_EQ(row.ToStr(), "id:1, name:'aux'");
-  sqlite3_open(path.c_str(), &other);
-  ASSERT_EQ(sqlite3_exec(other,
-                         "CREATE TABLE job (id INTEGER, name TEXT);"
-                         "INSERT INTO job VALUES (1, 'main');",
-                         nullptr, nullptr, nullptr),
+  ASSERT_EQ(ExecElsewhere(path,
+                          "CREATE TABLE job (id INTEGER, name TEXT);"
+                          "INSERT INTO job VALUES (1, 'main');"),
             SQLITE_OK);
-  sqlite3_close(other);
   ASSERT_TRUE(db.SelectRecord(select, row));  // its table check reads main's schema
   EXPECT_EQ(row.ToStr(), "id:1, name:'main'");
   ASSERT_TRUE(db.SelectByCommand(select.GetCommand() + " ", row));
@@ -273,14 +275,13 @@ TEST(SqliteDB, TextWithoutStatementOrConnection) {
   const std::string closed = "{\"err_code\":21,\"err_msg\":\"out of memory\"}";
   SqliteValueList row;
   Rows rows;
-  EXPECT_FALSE(db.DoExecSqliteCommand("SELECT 1"));
-  EXPECT_EQ(JsonToString(db.GetErr()), closed);
-  db.SetErr(0);
-  EXPECT_FALSE(db.DoSelectSqliteRecord("SELECT 1", row));
-  EXPECT_EQ(JsonToString(db.GetErr()), closed);
-  db.SetErr(0);
-  EXPECT_FALSE(db.DoSelectSqliteRecords("SELECT 1", rows));
-  EXPECT_EQ(JsonToString(db.GetErr()), closed);
+  for (int call = 0; call < 3; ++call) {
+    db.SetErr(0);
+    EXPECT_FALSE(call == 0   ? db.DoExecSqliteCommand("SELECT 1")
+                 : call == 1 ? db.DoSelectSqliteRecord("SELECT 1", row)
+                             : db.DoSelectSqliteRecords("SELECT 1", rows));
+    EXPECT_EQ(JsonToString(db.GetErr()), closed) << call;
+  }
 
   // Blanks, ";" or a comment run as nothing, but select nothing: misuse, no retry.
   const std::string err =
