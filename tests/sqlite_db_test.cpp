@@ -53,11 +53,6 @@ int ExecElsewhere(const std::string& path, const std::string& sql) {
   return rc;
 }
 
-// A child holding BEGIN EXCLUSIVE on `path` for 1.5 s; returns once it holds.
-pid_t HoldExclusive(const std::string& path) {
-  return VantDRTest::HoldSqliteLock(path, "BEGIN EXCLUSIVE");
-}
-
 }  // namespace
 
 TEST(SqliteDB, RowsFailuresAndOneConnection) {
@@ -149,7 +144,8 @@ TEST(SqliteDBContention, RetryLimitBoundsAttempts) {
   SqliteDB db(path, 0, "t"), patient(path, 2, "t"), reader(path, 1, "t");
   ASSERT_TRUE(db.Exec("CREATE TABLE t (x INTEGER); INSERT INTO t VALUES (1);"));
   VantDRTest::LogCapture log;
-  pid_t holder = HoldExclusive(path);
+  // Each holder keeps the lock 1.5 s.
+  pid_t holder = VantDRTest::HoldSqliteLock(path, "BEGIN EXCLUSIVE");
   const auto start = std::chrono::steady_clock::now();
   EXPECT_FALSE(db.Exec("INSERT INTO t VALUES (2)"));
   // The busy time-out waited once; no retry pause followed.
@@ -161,10 +157,10 @@ TEST(SqliteDBContention, RetryLimitBoundsAttempts) {
                   "err [{\"err_code\":405,\"err_msg\":{\"sqlite_errcode\":5,\"sqlite_errmsg\":"
                   "\"database is locked\"}}]"});
   log.Clear();
-  holder = HoldExclusive(path);
+  holder = VantDRTest::HoldSqliteLock(path, "BEGIN EXCLUSIVE");
   EXPECT_TRUE(patient.Exec("INSERT INTO t VALUES (3)"));
   EXPECT_EQ(VantDRTest::WaitChild(holder).exitCode, 0);
-  holder = HoldExclusive(path);
+  holder = VantDRTest::HoldSqliteLock(path, "BEGIN EXCLUSIVE");
   Rows rows;
   EXPECT_TRUE(reader.SelectByCommand("SELECT x FROM t", rows) && rows.size() == 2u);
   EXPECT_EQ(VantDRTest::WaitChild(holder).exitCode, 0);
