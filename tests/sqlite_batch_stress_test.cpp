@@ -7,8 +7,6 @@
 #include <syslog.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -40,7 +38,6 @@ TEST(SqliteBatchStress, ConcurrentBatchesLoseAndRepeatNoRow) {
   TempDir dir;
   const std::string path = dir.File("batches.db");
   const int kProcs = 8, kBatches = 20, kRowsPerBatch = 50;
-  const auto start = std::chrono::steady_clock::now();
   std::vector<pid_t> children;
   for (int p = 0; p < kProcs; ++p) {
     children.push_back(StartChild([&, p] {
@@ -54,8 +51,6 @@ TEST(SqliteBatchStress, ConcurrentBatchesLoseAndRepeatNoRow) {
   }
   int failed = 0;
   for (pid_t pid : children) failed += WaitChild(pid).exitCode != 0;
-  const double took =
-      std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   EXPECT_EQ(failed, 0);
   // A batch applied twice would have broken the UNIQUE constraint.
   SqliteDB db(path, 0, "check");
@@ -67,8 +62,6 @@ TEST(SqliteBatchStress, ConcurrentBatchesLoseAndRepeatNoRow) {
     EXPECT_TRUE(db.GetCount(kRows, SqliteEqual("who", p), own));
     EXPECT_EQ(own, kBatches * kRowsPerBatch) << p;
   }
-  std::printf("[stress] %d processes x %d batches x %d rows: %d rows in %.2f s\n", kProcs, kBatches,
-              kRowsPerBatch, rows, took);
 }
 
 // The child's connections get a function that reports on `stallPipe` and

@@ -44,9 +44,13 @@ std::string AttachJobs(const std::string& path) {
          "INSERT INTO aux.job VALUES (1, 'aux');";
 }
 
-// A child holding BEGIN EXCLUSIVE on `path` for 1.5 s; returns once it holds.
-pid_t HoldExclusive(const std::string& path) {
-  return VantDRTest::HoldSqliteLock(path, "BEGIN EXCLUSIVE");
+// Runs `sql` through a connection of its own.
+int ExecElsewhere(const std::string& path, const std::string& sql) {
+  sqlite3* other = nullptr;
+  sqlite3_open(path.c_str(), &other);
+  const int rc = sqlite3_exec(other, sql.c_str(), nullptr, nullptr, nullptr);
+  sqlite3_close(other);
+  return rc;
 }
 
 }  // namespace
@@ -140,7 +144,8 @@ TEST(SqliteDBContention, RetryLimitBoundsAttempts) {
   SqliteDB db(path, 0, "t"), patient(path, 2, "t"), reader(path, 1, "t");
   ASSERT_TRUE(db.Exec("CREATE TABLE t (x INTEGER); INSERT INTO t VALUES (1);"));
   VantDRTest::LogCapture log;
-  pid_t holder = HoldExclusive(path);
+  // Each holder keeps the lock 1.5 s.
+  pid_t holder = VantDRTest::HoldSqliteLock(path, "BEGIN EXCLUSIVE");
   const auto start = std::chrono::steady_clock::now();
   EXPECT_FALSE(db.Exec("INSERT INTO t VALUES (2)"));
   // The busy time-out waited once; no retry pause followed.
@@ -152,10 +157,10 @@ TEST(SqliteDBContention, RetryLimitBoundsAttempts) {
                   "err [{\"err_code\":405,\"err_msg\":{\"sqlite_errcode\":5,\"sqlite_errmsg\":"
                   "\"database is locked\"}}]"});
   log.Clear();
-  holder = HoldExclusive(path);
+  holder = VantDRTest::HoldSqliteLock(path, "BEGIN EXCLUSIVE");
   EXPECT_TRUE(patient.Exec("INSERT INTO t VALUES (3)"));
   EXPECT_EQ(VantDRTest::WaitChild(holder).exitCode, 0);
-  holder = HoldExclusive(path);
+  holder = VantDRTest::HoldSqliteLock(path, "BEGIN EXCLUSIVE");
   Rows rows;
   EXPECT_TRUE(reader.SelectByCommand("SELECT x FROM t", rows) && rows.size() == 2u);
   EXPECT_EQ(VantDRTest::WaitChild(holder).exitCode, 0);
@@ -172,13 +177,9 @@ TEST(SqliteDB, ReusedQueriesFollowSchemaChangesMadeElsewhere) {
   ASSERT_TRUE(db.Exec("CREATE TABLE t (a INTEGER); INSERT INTO t VALUES (1);"));
   std::vector<SqliteValueList> rows;
   ASSERT_TRUE(db.SelectByCommand("SELECT * FROM t", rows));
-  sqlite3* other = nullptr;
-  sqlite3_open(path.c_str(), &other);
   ASSERT_EQ(
-      sqlite3_exec(other, "DROP TABLE t; CREATE TABLE t (b TEXT); INSERT INTO t VALUES ('x');",
-                   nullptr, nullptr, nullptr),
+      ExecElsewhere(path, "DROP TABLE t; CREATE TABLE t (b TEXT); INSERT INTO t VALUES ('x');"),
       SQLITE_OK);
-  sqlite3_close(other);
   ASSERT_TRUE(db.SelectByCommand("SELECT * FROM t", rows));
   ASSERT_EQ(rows.size(), 2u);
   EXPECT_EQ(rows[0].ToStr() + " " + rows[1].ToStr(), "a:1 b:'x'");
@@ -198,13 +199,10 @@ TEST(SqliteDB, ReusedQueriesFollowSchemaChangesMadeElsewhere) {
   const SelectCommand select = AllJobs(SqliteEqual("id", 1));
   ASSERT_TRUE(db.SelectByCommand(select.GetCommand(), row));
   EXPECT_EQ(row.ToStr(), "id:1, name:'aux'");
-  sqlite3_open(path.c_str(), &other);
-  ASSERT_EQ(sqlite3_exec(other,
-                         "CREATE TABLE job (id INTEGER, name TEXT);"
-                         "INSERT INTO job VALUES (1, 'main');",
-                         nullptr, nullptr, nullptr),
+  ASSERT_EQ(ExecElsewhere(path,
+                          "CREATE TABLE job (id INTEGER, name TEXT);"
+                          "INSERT INTO job VALUES (1, 'main');"),
             SQLITE_OK);
-  sqlite3_close(other);
   ASSERT_TRUE(db.SelectRecord(select, row));  // its table check reads main's schema
   EXPECT_EQ(row.ToStr(), "id:1, name:'main'");
   ASSERT_TRUE(db.SelectByCommand(select.GetCommand() + " ", row));
@@ -273,14 +271,13 @@ TEST(SqliteDB, TextWithoutStatementOrConnection) {
   const std::string closed = "{\"err_code\":21,\"err_msg\":\"out of memory\"}";
   SqliteValueList row;
   Rows rows;
-  EXPECT_FALSE(db.DoExecSqliteCommand("SELECT 1"));
-  EXPECT_EQ(JsonToString(db.GetErr()), closed);
-  db.SetErr(0);
-  EXPECT_FALSE(db.DoSelectSqliteRecord("SELECT 1", row));
-  EXPECT_EQ(JsonToString(db.GetErr()), closed);
-  db.SetErr(0);
-  EXPECT_FALSE(db.DoSelectSqliteRecords("SELECT 1", rows));
-  EXPECT_EQ(JsonToString(db.GetErr()), closed);
+  for (int call = 0; call < 3; ++call) {
+    db.SetErr(0);
+    EXPECT_FALSE(call == 0   ? db.DoExecSqliteCommand("SELECT 1")
+                 : call == 1 ? db.DoSelectSqliteRecord("SELECT 1", row)
+                             : db.DoSelectSqliteRecords("SELECT 1", rows));
+    EXPECT_EQ(JsonToString(db.GetErr()), closed) << call;
+  }
 
   // Blanks, ";" or a comment run as nothing, but select nothing: misuse, no retry.
   const std::string err =

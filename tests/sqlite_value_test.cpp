@@ -3,8 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <climits>
-#include <random>
-#include <regex>
 
 #include "support/log_capture.h"
 #include "vantdr/sqlite_condition.h"
@@ -39,18 +37,6 @@ TEST(SqliteValue, FormatsEachPayloadAsSqlLiteral) {
   EXPECT_EQ("", refused.GetText());
   EXPECT_EQ(std::vector<std::string>{"Invalid rvalue [1]"}, log.Messages("ERR"));
   EXPECT_EQ("id IN ( 1,2 )", SqliteIn("id", {SqliteValue(1), SqliteValue(2)}).GetText());
-}
-
-TEST(SqliteValue, ApostropheDoublingMatchesRegexReplace) {
-  std::mt19937 random(20240611);
-  const std::regex apostrophe("'");
-  for (int n = 0; n < 3000; ++n) {
-    // Half apostrophes, so that runs and ends occur often; any other byte but NUL.
-    std::string text(random() % 40, 'x');
-    for (char& c : text) c = random() % 2 ? '\'' : static_cast<char>(1 + random() % 255);
-    ASSERT_EQ("'" + std::regex_replace(text, apostrophe, "''") + "'",
-              SqliteValue(text).ToFormatedValue());
-  }
 }
 
 // No `warn`: the read succeeds, silently, and turns `out` from T{} into `want`.
