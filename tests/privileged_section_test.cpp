@@ -19,10 +19,8 @@ namespace {
 using Lines = std::vector<std::string>;
 using Launcher = std::function<VantDRTest::ChildResult(const std::function<int()>&)>;
 
-// Runs one privileged section in a child set up by `launch` and returns what
-// the child saw: ids and errno inside and after, all ids afterwards, and the
-// log lines (priority and text), with the section's own "file:line" written
-// as WHERE, so a line naming any other place shows up as a difference.
+// What one privileged section in a child set up by `launch` saw: ids and errno
+// inside and after, all ids, and log lines with the section's own file:line as WHERE.
 Lines Observe(const Launcher& launch) {
   VantDRTest::TempDir dir;
   chmod(dir.path().c_str(), 0777);  // the child may write as nobody
@@ -57,39 +55,28 @@ Lines Observe(const Launcher& launch) {
   return lines;
 }
 
-VantDRTest::ChildResult Plain(const std::function<int()>& body) {
-  return VantDRTest::RunInChild(body);
-}
-VantDRTest::ChildResult SavedRoot(const std::function<int()>& body) {
-  return VantDRTest::RunUnprivileged(body, true);
-}
-VantDRTest::ChildResult NoRoot(const std::function<int()>& body) {
-  return VantDRTest::RunUnprivileged(body, false);
-}
-VantDRTest::ChildResult GroupOnly(const std::function<int()>& body) {
-  return VantDRTest::RunInChild([&]() { return setresgid(-1, 65534, 0) == 0 ? body() : 98; });
-}
+using Body = const std::function<int()>&;
 
-TEST(PrivilegedSectionTest, RaisesOnlyWhatIsNeededAndRestoresEffectiveIds) {
+TEST(PrivilegedSectionTest, RaisesOnlyWhatIsNeededRestoresEffectiveIdsAndLogsFailures) {
   if (geteuid() != 0) GTEST_SKIP() << "needs root";
   // Root: no id change, no line.
-  EXPECT_EQ(Observe(Plain), (Lines{"inside 0/0 errno 0", "after 0/0 errno 0", "ids 0,0,0 0,0,0"}));
+  EXPECT_EQ(Observe([](Body body) { return VantDRTest::RunInChild(body); }),
+            (Lines{"inside 0/0 errno 0", "after 0/0 errno 0", "ids 0,0,0 0,0,0"}));
   // Effective nobody with saved root: raised for the section, restored after;
   // real and saved ids never move.
   EXPECT_EQ(
-      Observe(SavedRoot),
+      Observe([](Body body) { return VantDRTest::RunUnprivileged(body, true); }),
       (Lines{"inside 0/0 errno 0", "after 65534/65534 errno 0", "ids 0,65534,0 0,65534,0",
              "39 WHERE WARNING: setresgid(-1, 0, -1)", "39 WHERE WARNING: setresuid(-1, 0, -1)",
              "39 WHERE WARNING: setresuid(-1, 0, -1)"}));
   // Only the group is not root: only the group moves.
-  EXPECT_EQ(Observe(GroupOnly),
+  EXPECT_EQ(Observe([](Body body) {
+              return VantDRTest::RunInChild([&] { return setresgid(-1, 65534, 0) ? 98 : body(); });
+            }),
             (Lines{"inside 0/0 errno 0", "after 0/65534 errno 0", "ids 0,0,0 0,65534,0",
                    "39 WHERE WARNING: setresgid(-1, 0, -1)"}));
-}
-
-TEST(PrivilegedSectionTest, WithoutAnyRootIdsTheOperationStillRunsAndErrorsAreLogged) {
-  if (geteuid() != 0) GTEST_SKIP() << "needs root";
-  EXPECT_EQ(Observe(NoRoot),
+  // No root ids at all: the body still runs and the failures are logged.
+  EXPECT_EQ(Observe([](Body body) { return VantDRTest::RunUnprivileged(body, false); }),
             (Lines{"inside 65534/65534 errno 1", "after 65534/65534 errno 0",
                    "ids 65534,65534,65534 65534,65534,65534",
                    "35 WHERE ERROR: setresgid(-1, 0, -1) [Operation not permitted]",

@@ -50,11 +50,10 @@ TEST(Response, EveryQueryOnDocumentedAnswersAndTheirCopies) {
     Response r(text), assigned;
     const std::string before = JsonToString(r.getResp());
     EXPECT_EQ(described, Describe(r));
-    EXPECT_FALSE(r.hasDataField(nullptr) || r.hasField(nullptr));
-    EXPECT_TRUE(r.getDataField(nullptr).isNull() && r.getField(nullptr).isNull());
+    EXPECT_TRUE(!r.hasDataField(nullptr) && !r.hasField(nullptr) &&
+                r.getDataField(nullptr).isNull() && r.getField(nullptr).isNull());
     Response copied(r);
-    assigned = r;
-    r.clear();
+    assigned = r, r.clear();
     EXPECT_EQ(described, Describe(copied));
     EXPECT_EQ(before, JsonToString(assigned.getResp()));  // queries never add members
   }

@@ -10,7 +10,6 @@
 namespace {
 
 TEST(VersionTest, HeaderLibraryAndSharedObjectAgreeWithTheProjectVersion) {
-  // The generated header carries the CMake project version, part by part.
   EXPECT_STREQ(VANTDR_VERSION_STRING, VANTDR_TEST_PROJECT_VERSION);
   EXPECT_EQ(std::to_string(VANTDR_VERSION_MAJOR) + "." + std::to_string(VANTDR_VERSION_MINOR) +
                 "." + std::to_string(VANTDR_VERSION_PATCH),
@@ -20,8 +19,7 @@ TEST(VersionTest, HeaderLibraryAndSharedObjectAgreeWithTheProjectVersion) {
                 "one comparable number");
   static_assert(VANTDR_VERSION >= 10000, "usable in #if");
 
-  // The loaded library reports its own version, and it is the one its file
-  // name carries (libvantdrcore.so.MAJOR.MINOR.PATCH behind the SONAME link).
+  // The loaded library's version equals the header's and its real file name's suffix.
   const char* loaded = VantDRCore::GetLibraryVersion();
   ASSERT_NE(loaded, nullptr);
   EXPECT_STREQ(loaded, VANTDR_VERSION_STRING);
