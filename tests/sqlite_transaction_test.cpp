@@ -251,6 +251,30 @@ TEST(SqliteBatch, ChecksEveryCommandFirstAndWritesAllOrNothing) {
                    "INFO ExecBatch: [jobs] Exec batch of 2 commands success"}));
 }
 
+// Texts over 100 bytes are too long for the connections of this process.
+int LimitLength(sqlite3* handle, const char**, const sqlite3_api_routines*) {
+  sqlite3_limit(handle, SQLITE_LIMIT_LENGTH, 100);
+  return SQLITE_OK;
+}
+
+TEST(SqliteBatch, AValueSQLiteRefusesFailsTheBatchAsItFailsAlone) {
+  VantDRTest::TempDir tmp;
+  for (const char* name : {"alone.db", "together.db"}) {
+    ASSERT_TRUE(SqliteDB(tmp.File(name), 0, "t").CreateTable(kJobs));  // the limit would refuse it
+  }
+  const VantDRTest::ChildResult child = VantDRTest::RunInChild([&] {
+    sqlite3_auto_extension(reinterpret_cast<void (*)()>(LimitLength));
+    SqliteDB alone(tmp.File("alone.db"), 0, "t"), together(tmp.File("together.db"), 0, "t");
+    const InsertCommand tooLong = Job(2, std::string(150, 'x'));
+    if (alone.InsertRecord(tooLong) || together.InsertRecords({Job(1, "a"), tooLong})) return 1;
+    if (JsonToString(together.GetErr()) != JsonToString(alone.GetErr())) return 2;
+    int rows = -1;
+    if (alone.GetErrCode() != 404 || !together.GetCount(kJobs, rows) || rows != 0) return 3;
+    return 0;
+  });
+  EXPECT_EQ(child.exitCode, 0);
+}
+
 TEST(SqliteDB, CountsMatchingRowsAndTellsTheLastRowId) {
   VantDRTest::TempDir tmp;
   SqliteDB db(tmp.File("jobs.db"), 0, "t");
