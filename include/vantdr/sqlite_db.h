@@ -48,7 +48,8 @@ class VANTDR_API SqliteDB : public ErrRecorder {
   SqliteDB& operator=(const SqliteDB&) = delete;
 
   /// Opens (creating the file if needed) unless open; true when the
-  /// connection is open. Never touches the error record.
+  /// connection is open. Touches the error record only when a connection
+  /// setup statement fails (see SetConnectionSetup).
   bool Open();
   /// Closes the connection, if open; the next operation opens it again.
   void Close();
@@ -125,6 +126,52 @@ class VANTDR_API SqliteDB : public ErrRecorder {
   /// when there is none (or the connection is closed).
   int64_t GetLastInsertRowId() const;
 
+  // --- backups, integrity, schema versions, connection settings ----------
+
+  /// A consistent copy of the whole database at `destPath`, taken in one
+  /// read transaction while other connections go on reading and writing
+  /// (their commits wait at most one copy's time; a busy source is retried
+  /// as in Exec). The copy is written beside `destPath` under an unpredictable
+  /// name, synced, must pass a quick check, and then replaces `destPath`
+  /// atomically; on any failure the previous backup is intact and no
+  /// temporary is left. Refused (401): a path without a file name, a missing
+  /// directory or one the caller cannot create files in, a destination that
+  /// is a link, not a regular file, another user's file or the database
+  /// itself, a connection inside a transaction. SQLite failures: 404/405.
+  /// A new backup gets the database file's permission bits; an existing one
+  /// keeps its own. A copy of a WAL database is written in rollback mode.
+  bool Backup(const std::string& destPath);
+
+  /// PRAGMA quick_check (or integrity_check): true only when it answers
+  /// "ok"; otherwise 404 with the first problem as the message.
+  bool CheckIntegrity(bool quick = true);
+
+  /// PRAGMA user_version, 0 for a new database.
+  bool GetSchemaVersion(int& version);
+  /// Brings the schema to version steps.size(): step i (1-based) takes
+  /// version i-1 to i. The missing steps and the new version are written in
+  /// one BEGIN IMMEDIATE transaction, retried as Exec when busy, so
+  /// processes migrating at once run each step exactly once. A failing step
+  /// undoes all of them (404, its number in the ERR line); a database newer
+  /// than the steps is refused (401), never downgraded.
+  bool Migrate(const std::vector<std::string>& steps);
+
+  /// Statements run in order on every open of the connection, reopens
+  /// included (PRAGMA journal_mode=WAL, synchronous, foreign_keys). A failing
+  /// one fails the open: the operation that needed it fails with 404, the
+  /// statement named in the ERR line. An open connection outside a
+  /// transaction is closed so that the next operation applies them.
+  void SetConnectionSetup(const std::vector<std::string>& statements);
+
+ private:
+  // Runs the setup statements on a fresh connection; false with the record
+  // set (404/405) and one ERR line.
+  bool RunConnectionSetup();
+  // Rolls back a transaction of Migrate, keeping the record.
+  void RollBackMigration();
+  std::vector<std::string> setup_;
+
+ public:
   // --- single attempts and error recording ---------------------------------
 
   // One try each; a failure leaves the raw SQLite code and message in the

@@ -88,7 +88,7 @@ bool SqliteDB::Open() {
     VLOG_WARN("Failed to set busy timeout with error");
     return false;
   }
-  return true;
+  return setup_.empty() || RunConnectionSetup();
 }
 
 void SqliteDB::Close() {

@@ -1,0 +1,301 @@
+// Backups, integrity checks, schema versions and connection settings.
+#include <dirent.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <regex>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "support/log_capture.h"
+#include "support/process.h"
+#include "support/temp_dir.h"
+#include "vantdr/json_text.h"
+#include "vantdr/sqlite_db.h"
+#include "vantdr/sqlite_transaction.h"
+
+using namespace VantDRCore;
+using namespace VantDRTest;
+using Lines = std::vector<std::string>;
+
+namespace {
+
+// Runs `sql` on a connection of its own; the first column of the first row
+// of the last statement, "" when none, or "rc=N" on failure.
+std::string Query(const std::string& path, const std::string& sql,
+                  int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE) {
+  sqlite3* db = nullptr;
+  std::string out;
+  int rc = sqlite3_open_v2(path.c_str(), &db, flags, nullptr);
+  const char* tail = sql.c_str();
+  while (rc == SQLITE_OK && *tail != '\0') {
+    sqlite3_stmt* stmt = nullptr;
+    rc = sqlite3_prepare_v2(db, tail, -1, &stmt, &tail);
+    if (rc != SQLITE_OK || stmt == nullptr) break;
+    out.clear();
+    int step = sqlite3_step(stmt);
+    if (step == SQLITE_ROW && sqlite3_column_text(stmt, 0) != nullptr) {
+      out = reinterpret_cast<const char*>(sqlite3_column_text(stmt, 0));
+    }
+    while (step == SQLITE_ROW) step = sqlite3_step(stmt);
+    if (step != SQLITE_DONE) rc = step;
+    sqlite3_finalize(stmt);
+  }
+  sqlite3_close(db);
+  return rc == SQLITE_OK ? out : "rc=" + std::to_string(rc);
+}
+
+std::set<std::string> Entries(const std::string& dir) {
+  std::set<std::string> names;
+  DIR* d = opendir(dir.c_str());
+  while (const dirent* e = d ? readdir(d) : nullptr) {
+    if (std::string(e->d_name) != "." && std::string(e->d_name) != "..") names.insert(e->d_name);
+  }
+  if (d) closedir(d);
+  return names;
+}
+
+std::string ErrText(const SqliteDB& db) { return JsonToString(db.GetErr()); }
+
+// A database of `rows` rows in t(id, v) and an index on v.
+void Fill(const std::string& path, int rows) {
+  Query(path,
+        "CREATE TABLE t (id INTEGER PRIMARY KEY, v TEXT); CREATE INDEX tv ON t (v);"
+        "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i+1 FROM n WHERE i<" +
+            std::to_string(rows) + ") INSERT INTO t SELECT i, printf('value-%06d', i) FROM n;");
+}
+
+}  // namespace
+
+TEST(SqliteBackup, CopiesReplacesAndKeepsWhatItMustNotTouch) {
+  TempDir tmp;
+  const std::string src = tmp.File("src.db"), dest = tmp.File("backup.db");
+  Fill(src, 500);
+  chmod(src.c_str(), 0640);
+  SqliteDB db(src, 0, "t");
+  // A temporary of a backup that died (pid 0x7fffffff is never alive) goes;
+  // one of a living process (init) and other files stay.
+  const std::string dead = ".vantdr-backup.2147483647.00", alive = ".vantdr-backup.1.00";
+  ASSERT_TRUE(WriteText(tmp.File(dead), "x") && WriteText(tmp.File(alive), "x"));
+  {
+    LogCapture log;
+    ASSERT_TRUE(db.Backup(dest)) << ErrText(db);
+    EXPECT_EQ(ErrText(db), "{\"err_code\":0}");
+    struct stat st;
+    ASSERT_EQ(stat(dest.c_str(), &st), 0);
+    const Lines info = log.Messages("INFO");
+    ASSERT_EQ(info.size(), 1u);
+    EXPECT_TRUE(std::regex_match(
+        info[0], std::regex("Backup of db\\[" + src + "\\] to \\[" + dest +
+                            "\\] done: " + std::to_string(st.st_size) + " bytes in [0-9]+ ms")))
+        << info[0];
+    EXPECT_EQ(st.st_mode & 07777, 0640u);  // as readable as the database
+  }
+  EXPECT_EQ(Query(dest, "SELECT count(*) || ':' || sum(length(v)) FROM t"), "500:6000");
+  EXPECT_EQ(Entries(tmp.path()), (std::set<std::string>{"src.db", "backup.db", alive}));
+
+  // A replaced backup keeps its mode; a copy of a WAL database opens as a
+  // plain one, and checking it leaves no -wal or -shm behind.
+  chmod(dest.c_str(), 0604);
+  ASSERT_EQ(Query(src, "PRAGMA journal_mode=WAL; INSERT INTO t (v) VALUES ('wal')"), "");
+  db.Close();
+  ASSERT_TRUE(db.Backup(dest)) << ErrText(db);
+  struct stat st;
+  ASSERT_EQ(stat(dest.c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 0604u);
+  EXPECT_EQ(Query(dest, "SELECT count(*) FROM t", SQLITE_OPEN_READONLY), "501");
+  EXPECT_EQ(Query(dest, "PRAGMA journal_mode"), "delete");
+  EXPECT_EQ(Entries(tmp.path()).count("backup.db-wal") + Entries(tmp.path()).count("backup.db-shm"),
+            0u);
+
+  // Refusals: the previous backup and whatever sits at the path stay as
+  // they were, and nothing is left beside them.
+  mkdir(tmp.File("dir").c_str(), 0755);
+  symlink(dest.c_str(), tmp.File("link.db").c_str());
+  WriteText(tmp.File("theirs.db"), "not ours");
+  chown(tmp.File("theirs.db").c_str(), 65534, 65534);
+  const std::string before = ReadText(dest);
+  struct Refusal {
+    std::string path, step;
+  };
+  const Refusal refusals[] = {
+      {"", ""},
+      {tmp.path() + "/", ""},
+      {tmp.path() + "/..", ""},
+      {tmp.File("missing/x.db"), "no directory: No such file or directory"},
+      {tmp.File("link.db"), "not a regular file of this user"},
+      {tmp.File("dir"), "not a regular file of this user"},
+      {tmp.File("theirs.db"), "not a regular file of this user"},
+      {src, "the destination is the database itself"},
+  };
+  for (const Refusal& r : refusals) {
+    LogCapture log;
+    EXPECT_FALSE(db.Backup(r.path)) << r.path;
+    EXPECT_EQ(ErrText(db), "{\"err_code\":401}") << r.path;
+    const std::string line =
+        r.step.empty() ? "Invalid backup path [" + r.path + "] for db[" + src + "]"
+                       : "Failed to back up db[" + src + "] to [" + r.path + "]: " + r.step;
+    EXPECT_EQ(log.Messages("ERR"), Lines{line});
+  }
+  EXPECT_EQ(ReadText(tmp.File("theirs.db")), "not ours");
+  EXPECT_EQ(ReadText(dest), before);
+
+  // Inside a transaction the copy would hold what is not committed.
+  {
+    SqliteTransaction transaction(db);
+    ASSERT_TRUE(transaction.Begin());
+    EXPECT_FALSE(db.Backup(dest));
+    EXPECT_EQ(ErrText(db), "{\"err_code\":401}");
+  }
+  // A directory the caller cannot write to: a user who is not root.
+  db.Close();
+  ASSERT_EQ(Query(src, "PRAGMA journal_mode=DELETE"), "delete");
+  chmod(src.c_str(), 0644);
+  chmod(tmp.path().c_str(), 0755);
+  const ChildResult child = RunUnprivileged([&] {
+    SqliteDB other(src, 0, "t");
+    LogCapture log;
+    return other.Backup(tmp.File("fresh.db"))       ? 1
+           : ErrText(other) != "{\"err_code\":401}" ? 2
+           : log.Messages("ERR") !=
+                   Lines{"Failed to back up db[" + src + "] to [" + tmp.File("fresh.db") +
+                         "]: cannot create the copy: Permission denied"}
+               ? 3
+               : 0;
+  });
+  EXPECT_EQ(child.exitCode, 0);
+  EXPECT_EQ(ReadText(dest), before);
+  const std::set<std::string> left = Entries(tmp.path());
+  EXPECT_EQ(left,
+            (std::set<std::string>{"src.db", "backup.db", alive, "dir", "link.db", "theirs.db"}));
+}
+
+TEST(SqliteBackup, IntegrityChecksFindDamage) {
+  TempDir tmp;
+  const std::string path = tmp.File("a.db");
+  Fill(path, 2000);
+  SqliteDB db(path, 0, "t");
+  EXPECT_TRUE(db.CheckIntegrity());
+  EXPECT_TRUE(db.CheckIntegrity(false));
+  ASSERT_TRUE(db.Backup(tmp.File("good.db")));
+  const std::string good = ReadText(tmp.File("good.db"));
+  db.Close();
+
+  // One key of the index changed in place: the structure holds (quick check
+  // passes) but the index no longer matches the table.
+  std::string bytes = ReadText(path);
+  const size_t at = bytes.rfind("value-001000");
+  ASSERT_NE(at, std::string::npos);
+  const std::string indexRoot = Query(path, "SELECT rootpage FROM sqlite_master WHERE name='tv'");
+  ASSERT_GT(at, std::stoul(indexRoot) * 4096 - 4096);  // the last copy is in the index
+  bytes[at + 6] = '9';
+  ASSERT_TRUE(WriteText(path, bytes));
+  {
+    LogCapture log;
+    EXPECT_TRUE(db.CheckIntegrity(true));
+    EXPECT_FALSE(db.CheckIntegrity(false));
+    EXPECT_EQ(ErrText(db), "{\"err_code\":404,\"err_msg\":\"row 1000 missing from index tv\"}");
+    EXPECT_EQ(log.Messages("ERR"), Lines{"Integrity check [integrity_check] of db[" + path +
+                                         "] failed: row 1000 missing from index tv"});
+  }
+  db.Close();
+
+  // A page of the table overwritten: both checks fail, and so does a backup,
+  // which keeps the good copy.
+  bytes = ReadText(path);
+  for (size_t i = 3 * 4096 + 100; i < 3 * 4096 + 400; ++i) bytes[i] = '\x55';
+  ASSERT_TRUE(WriteText(path, bytes));
+  EXPECT_FALSE(db.CheckIntegrity());
+  EXPECT_EQ(db.GetErrCode(), 404);
+  EXPECT_FALSE(db.Backup(tmp.File("good.db")));
+  EXPECT_EQ(db.GetErrCode(), 404);
+  EXPECT_EQ(ReadText(tmp.File("good.db")), good);
+  EXPECT_EQ(Entries(tmp.path()), (std::set<std::string>{"a.db", "good.db"}));
+}
+
+TEST(SqliteBackup, MigrateRunsEachMissingStepOnce) {
+  const std::vector<std::string> steps = {
+      "CREATE TABLE log (step INTEGER)", "INSERT INTO log VALUES (2)",
+      "ALTER TABLE log ADD COLUMN note TEXT; INSERT INTO log VALUES (3, 'x')"};
+  struct Case {
+    const char* name;
+    int startVersion;  // -1: a new file
+    std::vector<std::string> steps;
+    bool ok;
+    int code, endVersion;
+    std::string logged;  // "" when steps 1-3 ran in full, else log contents
+    std::string err;
+  };
+  const std::vector<std::string> failing = {steps[0], steps[1], "INSERT INTO nowhere VALUES (1)"};
+  const Case cases[] = {
+      {"new", -1, steps, true, 0, 3, "2,3", ""},
+      {"middle", 1, steps, true, 0, 3, "2,3", ""},  // step 1 was run already
+      {"current", 3, steps, true, 0, 3, "", ""},
+      {"failing", 1, failing, false, 404, 1, "",
+       "Migration step [3] of db[%] failed with err "
+       "[{\"err_code\":404,\"err_msg\":{\"sqlite_errcode\":1,\"sqlite_errmsg\":\"no such table: "
+       "nowhere\"}}]"},
+      {"newer", 5, steps, false, 401, 5, "",
+       "Schema version [5] of db[%] is newer than the [3] steps given"},
+  };
+  for (const Case& c : cases) {
+    TempDir tmp;
+    const std::string path = tmp.File("m.db");
+    if (c.startVersion >= 0) {
+      Query(path, "CREATE TABLE log (step INTEGER); PRAGMA user_version=" +
+                      std::to_string(c.startVersion));
+    }
+    SqliteDB db(path, 0, "t");
+    LogCapture log;
+    EXPECT_EQ(db.Migrate(c.steps), c.ok) << c.name;
+    EXPECT_EQ(db.GetErrCode(), c.code) << c.name;
+    int version = -1;
+    EXPECT_TRUE(db.GetSchemaVersion(version));
+    EXPECT_EQ(version, c.endVersion) << c.name;
+    EXPECT_EQ(Query(path, "SELECT group_concat(step) FROM log"), c.logged) << c.name;
+    Lines errs;
+    if (!c.err.empty()) errs.push_back(std::regex_replace(c.err, std::regex("%"), path));
+    EXPECT_EQ(log.Messages("ERR"), errs) << c.name;
+    EXPECT_EQ(log.Messages("INFO"),
+              c.ok && c.startVersion != 3
+                  ? Lines{"Migrated db[" + path + "] from version [" +
+                          std::to_string(std::max(c.startVersion, 0)) + "] to [3]"}
+                  : Lines{})
+        << c.name;
+  }
+}
+
+TEST(SqliteBackup, ConnectionSetupRunsOnEveryOpen) {
+  TempDir tmp;
+  const std::string path = tmp.File("s.db");
+  SqliteDB db(path, 0, "t");
+  SqliteValueList row;
+  ASSERT_TRUE(db.SelectByCommand("PRAGMA synchronous", row));  // opens with the defaults
+  db.SetConnectionSetup({"PRAGMA synchronous=EXTRA", "PRAGMA foreign_keys=ON"});
+  for (int open = 0; open < 2; ++open) {
+    ASSERT_TRUE(db.SelectByCommand("PRAGMA synchronous", row));
+    EXPECT_EQ(row.ToStr(), "synchronous:3") << open;
+    ASSERT_TRUE(db.SelectByCommand("PRAGMA foreign_keys", row));
+    EXPECT_EQ(row.ToStr(), "foreign_keys:1") << open;
+    db.Close();
+  }
+
+  db.SetConnectionSetup({"PRAGMA synchronous=OFF", "PRAGMA no such thing"});
+  const std::string err =
+      "{\"err_code\":404,\"err_msg\":{\"sqlite_errcode\":1,\"sqlite_errmsg\":\"near \\\"such\\\": "
+      "syntax error\"}}";
+  LogCapture log;
+  EXPECT_FALSE(db.Exec("CREATE TABLE x (a)"));
+  EXPECT_EQ(db.GetErrCode(), 404);
+  EXPECT_FALSE(db.SelectByCommand("SELECT 1", row));
+  EXPECT_EQ(ErrText(db), err);
+  const std::string setup =
+      "Connection setup [PRAGMA no such thing] failed on db[" + path + "] with err [" + err + "]";
+  EXPECT_EQ(log.Messages("ERR"), (Lines{setup, "Failed to open db [" + path + "]", setup,
+                                        "Failed to open db [" + path + "]"}));
+  EXPECT_EQ(Query(path, "SELECT count(*) FROM sqlite_master"), "0");
+}
