@@ -32,6 +32,7 @@ namespace {
 
 const unsigned kRetryPauseMinMSec = 1000;
 const unsigned kRetryPauseMaxMSec = 2000;
+const int kBusyTimeoutMSec = 1000;  // the connection's own, restored after the copy
 // Followed by the writer's pid (so that the next backup in the directory can
 // remove what a killed one left) and 64 random bits.
 const char kTempPrefix[] = ".vantdr-backup.";
@@ -58,6 +59,15 @@ const char* DescriptorVfs() {
     return sqlite3_vfs_register(&vfs, 0) == SQLITE_OK ? vfs.zName : nullptr;
   }();
   return name;
+}
+
+// Writers that commit back to back leave a reader short gaps only; the
+// usual time-out's growing sleeps (up to 100 ms) can miss every one of them.
+// Polled each millisecond for about as long as that time-out.
+int PollBusy(void*, int tries) {
+  if (tries >= 1000) return 0;
+  usleep(1000);
+  return 1;
 }
 
 bool SameFile(const struct stat& a, const struct stat& b) {
@@ -184,10 +194,12 @@ bool Copy(sqlite3* source, BackupFiles& files, unsigned retryLimit, Failure& fai
   }
   int stepped;
   unsigned retries = 0;
+  sqlite3_busy_handler(source, PollBusy, nullptr);
   while ((stepped = sqlite3_backup_step(backup, -1)) == SQLITE_BUSY || stepped == SQLITE_LOCKED) {
     if (++retries > retryLimit) break;
     RandomSleepInMSec(kRetryPauseMinMSec, kRetryPauseMaxMSec);
   }
+  sqlite3_busy_timeout(source, kBusyTimeoutMSec);
   const int finished = sqlite3_backup_finish(backup);
   if (stepped != SQLITE_DONE) {
     failure = SqliteFailure("copy", stepped, nullptr);

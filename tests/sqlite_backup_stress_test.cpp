@@ -1,0 +1,212 @@
+// Backups, migrations and WAL settings with real processes: writers that
+// keep committing, backups killed at random points, migrations racing.
+#include <dirent.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sqlite3.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "support/process.h"
+#include "support/temp_dir.h"
+#include "vantdr/json_text.h"
+#include "vantdr/sqlite_db.h"
+
+using namespace VantDRCore;
+using namespace VantDRTest;
+
+namespace {
+
+const SqliteTableHandler kRows("rows",
+                               "w INTEGER, seq INTEGER, half INTEGER, "
+                               "UNIQUE (w, seq, half)");
+
+// The first column of the first row of `sql` on a connection of its own.
+std::string Query(const std::string& path, const std::string& sql) {
+  sqlite3* db = nullptr;
+  std::string out = "error";
+  sqlite3_stmt* stmt = nullptr;
+  if (sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK &&
+      sqlite3_prepare_v2(db, sql.c_str(), -1, &stmt, nullptr) == SQLITE_OK &&
+      sqlite3_step(stmt) == SQLITE_ROW) {
+    const unsigned char* text = sqlite3_column_text(stmt, 0);
+    out = text != nullptr ? reinterpret_cast<const char*>(text) : "";
+  }
+  sqlite3_finalize(stmt);
+  sqlite3_close(db);
+  return out;
+}
+
+// Whether the copy at `path` is sound and holds, for every writer, its
+// transactions 1..k whole: a prefix of what was committed.
+const char kPrefixOfCommits[] =
+    "SELECT (SELECT count(*) FROM rows) = 2 * (SELECT coalesce(sum(m), 0) FROM "
+    "(SELECT max(seq) AS m FROM rows GROUP BY w)) AND NOT EXISTS "
+    "(SELECT 1 FROM rows GROUP BY w, seq HAVING count(*) != 2)";
+
+InsertCommand Row(int w, int seq, int half) {
+  InsertCommand insert;
+  insert.SetTable(kRows);
+  insert.AddFieldValue("w", w);
+  insert.AddFieldValue("seq", seq);
+  insert.AddFieldValue("half", half);
+  return insert;
+}
+
+// Inserts transactions of two rows until `stop` exists, then writes how many
+// were committed to `stop`.<w>; exits 0 when every one was.
+pid_t StartWriter(const std::string& path, const std::string& stop, int w,
+                  const std::vector<std::string>& setup = {}) {
+  return StartChild([=] {
+    SqliteDB db(path, 20, "w");
+    db.SetConnectionSetup(setup);
+    int seq = 1;
+    for (; access(stop.c_str(), F_OK) != 0; ++seq) {
+      if (!db.InsertRecords({Row(w, seq, 0), Row(w, seq, 1)})) return 1;
+    }
+    return WriteText(stop + "." + std::to_string(w), std::to_string(seq - 1)) ? 0 : 2;
+  });
+}
+
+// Every writer's committed transactions are in the database.
+void ExpectAllCommitted(const std::string& path, const std::string& stop, int writers) {
+  for (int w = 0; w < writers; ++w) {
+    EXPECT_EQ(Query(path, "SELECT count(*) FROM rows WHERE w = " + std::to_string(w)),
+              std::to_string(2 * std::stoi("0" + ReadText(stop + "." + std::to_string(w)))));
+  }
+}
+
+size_t Entries(const std::string& dir) {
+  size_t n = 0;
+  DIR* d = opendir(dir.c_str());
+  while (const dirent* e = d ? readdir(d) : nullptr) {
+    const std::string name = e->d_name;
+    n += name != "." && name != "..";
+  }
+  if (d) closedir(d);
+  return n;
+}
+
+}  // namespace
+
+TEST(SqliteBackupStress, BackupUnderWritersHoldsAPrefixOfCommits) {
+  TempDir tmp;
+  const std::string path = tmp.File("busy.db"), stop = tmp.File("stop");
+  {
+    SqliteDB db(path, 0, "t");
+    ASSERT_TRUE(db.CreateTable(kRows));
+  }
+  std::vector<pid_t> writers;
+  for (int w = 0; w < 4; ++w) writers.push_back(StartWriter(path, stop, w));
+  SqliteDB db(path, 5, "t");
+  int taken = 0, rows = 0;
+  for (int i = 0; i < 5; ++i) {
+    usleep(100 * 1000);
+    const std::string copy = tmp.File("copy" + std::to_string(i) + ".db");
+    ASSERT_TRUE(db.Backup(copy)) << JsonToString(db.GetErr());
+    EXPECT_EQ(Query(copy, "PRAGMA quick_check"), "ok");
+    EXPECT_EQ(Query(copy, kPrefixOfCommits), "1") << i;
+    const int now = std::stoi(Query(copy, "SELECT count(*) FROM rows"));
+    EXPECT_GE(now, rows);  // later copies hold later states
+    rows = now;
+    ++taken;
+  }
+  ASSERT_TRUE(WriteText(stop, ""));
+  for (pid_t writer : writers) EXPECT_EQ(WaitChild(writer).exitCode, 0);
+  ExpectAllCommitted(path, stop, 4);
+  EXPECT_EQ(taken, 5);
+  EXPECT_GT(rows, 0);
+}
+
+TEST(SqliteBackupStress, KilledBackupsLeaveThePreviousOneWhole) {
+  TempDir tmp;
+  const std::string path = tmp.File("src.db"), dest = tmp.File("backup.db");
+  {
+    SqliteDB db(path, 0, "t");
+    ASSERT_TRUE(db.Exec(
+        "CREATE TABLE t (v TEXT); WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i+1 FROM n "
+        "WHERE i<20000) INSERT INTO t SELECT printf('%0200d', i) FROM n;"));
+    const auto started = std::chrono::steady_clock::now();
+    ASSERT_TRUE(db.Backup(dest));
+    const auto took = std::chrono::duration_cast<std::chrono::microseconds>(
+                          std::chrono::steady_clock::now() - started)
+                          .count();
+    std::mt19937 random(std::random_device{}());
+    std::uniform_int_distribution<long> when(0, took * 3 / 2);
+    db.Close();
+    for (int kill = 0; kill < 20; ++kill) {
+      const pid_t child = StartChild([&] {
+        SqliteDB other(path, 0, "t");
+        return other.Backup(dest) ? 0 : 1;
+      });
+      usleep(static_cast<useconds_t>(when(random)));
+      ::kill(child, SIGKILL);
+      WaitChild(child);
+      EXPECT_EQ(Query(dest, "PRAGMA quick_check"), "ok") << kill;
+      EXPECT_EQ(Query(dest, "SELECT count(*) FROM t"), "20000") << kill;
+    }
+    // The next backup clears what the killed ones left.
+    ASSERT_TRUE(db.Backup(dest));
+  }
+  EXPECT_EQ(Query(dest, "SELECT count(*) FROM t"), "20000");
+  EXPECT_EQ(Entries(tmp.path()), 2u);
+}
+
+TEST(SqliteBackupStress, SixProcessesMigrateEachStepOnce) {
+  TempDir tmp;
+  const std::string path = tmp.File("m.db");
+  const std::vector<std::string> steps = {
+      "CREATE TABLE effects (step INTEGER); INSERT INTO effects VALUES (1)",
+      "INSERT INTO effects VALUES (2)", "INSERT INTO effects VALUES (3)",
+      "INSERT INTO effects VALUES (4)"};
+  std::vector<pid_t> children;
+  for (int i = 0; i < 6; ++i) {
+    children.push_back(StartChild([&] {
+      SqliteDB db(path, 10, "m");
+      int version = 0;
+      return db.Migrate(steps) && db.GetSchemaVersion(version) && version == 4 ? 0 : 1;
+    }));
+  }
+  for (pid_t child : children) EXPECT_EQ(WaitChild(child).exitCode, 0);
+  EXPECT_EQ(Query(path, "SELECT group_concat(step) FROM (SELECT step FROM effects ORDER BY 1)"),
+            "1,2,3,4");
+  EXPECT_EQ(Query(path, "PRAGMA user_version"), "4");
+}
+
+TEST(SqliteBackupStress, WalFromConnectionSetupLosesNothing) {
+  TempDir tmp;
+  const std::string path = tmp.File("wal.db"), stop = tmp.File("stop");
+  const std::vector<std::string> setup = {"PRAGMA journal_mode=WAL", "PRAGMA synchronous=NORMAL"};
+  {
+    SqliteDB db(path, 0, "t");
+    ASSERT_TRUE(db.CreateTable(kRows));
+  }
+  std::vector<pid_t> writers, readers;
+  for (int w = 0; w < 3; ++w) writers.push_back(StartWriter(path, stop, w, setup));
+  // Readers never see the count go back, nor a half transaction.
+  for (int r = 0; r < 2; ++r) {
+    readers.push_back(StartChild([&] {
+      SqliteDB db(path, 20, "r");
+      db.SetConnectionSetup(setup);
+      int last = 0;
+      while (access(stop.c_str(), F_OK) != 0) {
+        int count = 0;
+        if (!db.GetCount(kRows, count) || count < last || count % 2 != 0) return 1;
+        last = count;
+      }
+      return 0;
+    }));
+  }
+  usleep(1500 * 1000);
+  ASSERT_TRUE(WriteText(stop, ""));
+  for (pid_t child : writers) EXPECT_EQ(WaitChild(child).exitCode, 0);
+  for (pid_t child : readers) EXPECT_EQ(WaitChild(child).exitCode, 0);
+  EXPECT_EQ(Query(path, "PRAGMA journal_mode"), "wal");
+  ExpectAllCommitted(path, stop, 3);
+  EXPECT_GT(std::stoi(Query(path, "SELECT count(*) FROM rows")), 0);
+}
