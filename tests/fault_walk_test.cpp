@@ -503,6 +503,23 @@ std::vector<Operation> SqliteOperations(const std::string& home) {
                           Expect(RowsIn(path) == 2, "the database changed");
                  },
                  3});
+  // A backup is always whole: the previous one (a single row) or the new one,
+  // never the new one after a success reported before its end. Only the
+  // directory's sync fails after the swap.
+  const std::string backup = home + "/walk.backup.db";
+  ops.push_back({"SqliteDB::Backup",
+                 [=] {
+                   seed();
+                   unlink(backup.c_str());
+                   SqliteDB(backup, 0, "walk").InsertRecord(Row(1));
+                 },
+                 [=] { return SqliteDB(path, 0, "walk").Backup(backup); },
+                 [=](bool ok, bool) {
+                   const int count = RowsIn(backup);
+                   return Expect(count == 2 || (!ok && count == 1),
+                                 "backup rows: " + std::to_string(count));
+                 },
+                 3});
   return ops;
 }
 

@@ -134,12 +134,12 @@ class VANTDR_API SqliteDB : public ErrRecorder {
   /// as in Exec). The copy is written beside `destPath` under an unpredictable
   /// name, synced, must pass a quick check, and then replaces `destPath`
   /// atomically; on any failure the previous backup is intact and no
-  /// temporary is left. Refused (401): a path without a file name, a missing
-  /// directory or one the caller cannot create files in, a destination that
-  /// is a link, not a regular file, another user's file or the database
-  /// itself, a connection inside a transaction. SQLite failures: 404/405.
-  /// A new backup gets the database file's permission bits; an existing one
-  /// keeps its own. A copy of a WAL database is written in rollback mode.
+  /// temporary is left, except that a failed sync of the directory after the
+  /// swap (404) leaves the new, checked backup in place. Refused (401): a path without a file name,
+  /// a missing directory or one the caller cannot create files in, a destination that is a link,
+  /// not a regular file, another user's file or the database itself, a connection inside a
+  /// transaction. SQLite failures: 404/405. A new backup gets the database file's permission bits;
+  /// an existing one keeps its own. A copy of a WAL database is written in rollback mode.
   bool Backup(const std::string& destPath);
 
   /// PRAGMA quick_check (or integrity_check): true only when it answers
