@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "support/process.h"
+#include "support/sqlite_lock.h"
 #include "support/temp_dir.h"
 #include "vantdr/json_text.h"
 #include "vantdr/sqlite_db.h"
@@ -209,4 +210,48 @@ TEST(SqliteBackupStress, WalFromConnectionSetupLosesNothing) {
   EXPECT_EQ(Query(path, "PRAGMA journal_mode"), "wal");
   ExpectAllCommitted(path, stop, 3);
   EXPECT_GT(std::stoi(Query(path, "SELECT count(*) FROM rows")), 0);
+}
+
+// The attack on the swap: while the backup waits for a writer, the name it
+// will replace is turned into a link to a file the daemon must not touch.
+TEST(SqliteBackupStress, DestinationSwappedDuringTheBackupIsLeftAlone) {
+  TempDir tmp;
+  const std::string path = tmp.File("src.db"), dest = tmp.File("backup.db");
+  const std::string victim = tmp.File("victim");
+  ASSERT_TRUE(WriteText(victim, "precious"));
+  {
+    SqliteDB db(path, 0, "t");
+    ASSERT_TRUE(db.CreateTable(kRows));
+  }
+  struct Case {
+    bool existed;
+    std::string step;
+  };
+  const Case cases[] = {{true, "the destination changed during the backup"},
+                        {false, "the destination appeared during the backup"}};
+  for (const Case& c : cases) {
+    unlink(dest.c_str());
+    if (c.existed) {
+      ASSERT_TRUE(WriteText(dest, "old backup"));
+    }
+    const pid_t holder = HoldSqliteLock(path, "BEGIN EXCLUSIVE", 1500);
+    ASSERT_GT(holder, 0);
+    const pid_t attacker = StartChild([&] {
+      usleep(300 * 1000);
+      if (c.existed && rename(dest.c_str(), tmp.File("moved").c_str()) != 0) return 1;
+      return symlink(victim.c_str(), dest.c_str()) == 0 ? 0 : 2;
+    });
+    SqliteDB db(path, 2, "t");
+    EXPECT_FALSE(db.Backup(dest)) << c.step;
+    EXPECT_EQ(JsonToString(db.GetErr()), "{\"err_code\":401}");
+    EXPECT_EQ(WaitChild(attacker).exitCode, 0);
+    EXPECT_EQ(WaitChild(holder).exitCode, 0);
+    EXPECT_EQ(ReadText(victim), "precious");
+    char target[256] = {};
+    EXPECT_EQ(readlink(dest.c_str(), target, sizeof target - 1),
+              static_cast<ssize_t>(victim.size()));
+    // The database, the victim, the link and the old backup the attacker
+    // moved away: nothing of the backup's own.
+    EXPECT_EQ(Entries(tmp.path()), 4u);
+  }
 }
