@@ -1,6 +1,5 @@
 // Backups, migrations and WAL settings with real processes: writers that
 // keep committing, backups killed at random points, migrations racing.
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sqlite3.h>
@@ -12,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "support/db_files.h"
 #include "support/process.h"
 #include "support/sqlite_lock.h"
 #include "support/temp_dir.h"
@@ -26,22 +26,6 @@ namespace {
 const SqliteTableHandler kRows("rows",
                                "w INTEGER, seq INTEGER, half INTEGER, "
                                "UNIQUE (w, seq, half)");
-
-// The first column of the first row of `sql` on a connection of its own.
-std::string Query(const std::string& path, const std::string& sql) {
-  sqlite3* db = nullptr;
-  std::string out = "error";
-  sqlite3_stmt* stmt = nullptr;
-  if (sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK &&
-      sqlite3_prepare_v2(db, sql.c_str(), -1, &stmt, nullptr) == SQLITE_OK &&
-      sqlite3_step(stmt) == SQLITE_ROW) {
-    const unsigned char* text = sqlite3_column_text(stmt, 0);
-    out = text != nullptr ? reinterpret_cast<const char*>(text) : "";
-  }
-  sqlite3_finalize(stmt);
-  sqlite3_close(db);
-  return out;
-}
 
 // Whether the copy at `path` is sound and holds, for every writer, its
 // transactions 1..k whole: a prefix of what was committed.
@@ -82,17 +66,6 @@ void ExpectAllCommitted(const std::string& path, const std::string& stop, int wr
   }
 }
 
-size_t Entries(const std::string& dir) {
-  size_t n = 0;
-  DIR* d = opendir(dir.c_str());
-  while (const dirent* e = d ? readdir(d) : nullptr) {
-    const std::string name = e->d_name;
-    n += name != "." && name != "..";
-  }
-  if (d) closedir(d);
-  return n;
-}
-
 }  // namespace
 
 TEST(SqliteBackupStress, BackupUnderWritersHoldsAPrefixOfCommits) {
@@ -105,7 +78,7 @@ TEST(SqliteBackupStress, BackupUnderWritersHoldsAPrefixOfCommits) {
   std::vector<pid_t> writers;
   for (int w = 0; w < 4; ++w) writers.push_back(StartWriter(path, stop, w));
   SqliteDB db(path, 5, "t");
-  int taken = 0, rows = 0;
+  int rows = 0;
   for (int i = 0; i < 5; ++i) {
     usleep(100 * 1000);
     const std::string copy = tmp.File("copy" + std::to_string(i) + ".db");
@@ -115,12 +88,10 @@ TEST(SqliteBackupStress, BackupUnderWritersHoldsAPrefixOfCommits) {
     const int now = std::stoi(Query(copy, "SELECT count(*) FROM rows"));
     EXPECT_GE(now, rows);  // later copies hold later states
     rows = now;
-    ++taken;
   }
   ASSERT_TRUE(WriteText(stop, ""));
   for (pid_t writer : writers) EXPECT_EQ(WaitChild(writer).exitCode, 0);
   ExpectAllCommitted(path, stop, 4);
-  EXPECT_EQ(taken, 5);
   EXPECT_GT(rows, 0);
 }
 
@@ -155,7 +126,7 @@ TEST(SqliteBackupStress, KilledBackupsLeaveThePreviousOneWhole) {
     ASSERT_TRUE(db.Backup(dest));
   }
   EXPECT_EQ(Query(dest, "SELECT count(*) FROM t"), "20000");
-  EXPECT_EQ(Entries(tmp.path()), 2u);
+  EXPECT_EQ(Entries(tmp.path()).size(), 2u);
 }
 
 TEST(SqliteBackupStress, SixProcessesMigrateEachStepOnce) {
@@ -252,6 +223,6 @@ TEST(SqliteBackupStress, DestinationSwappedDuringTheBackupIsLeftAlone) {
               static_cast<ssize_t>(victim.size()));
     // The database, the victim, the link and the old backup the attacker
     // moved away: nothing of the backup's own.
-    EXPECT_EQ(Entries(tmp.path()), 4u);
+    EXPECT_EQ(Entries(tmp.path()).size(), 4u);
   }
 }

@@ -1,5 +1,4 @@
 // Backups, integrity checks, schema versions and connection settings.
-#include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sqlite3.h>
@@ -11,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "support/db_files.h"
 #include "support/log_capture.h"
 #include "support/process.h"
 #include "support/temp_dir.h"
@@ -23,41 +23,6 @@ using namespace VantDRTest;
 using Lines = std::vector<std::string>;
 
 namespace {
-
-// Runs `sql` on a connection of its own; the first column of the first row
-// of the last statement, "" when none, or "rc=N" on failure.
-std::string Query(const std::string& path, const std::string& sql,
-                  int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE) {
-  sqlite3* db = nullptr;
-  std::string out;
-  int rc = sqlite3_open_v2(path.c_str(), &db, flags, nullptr);
-  const char* tail = sql.c_str();
-  while (rc == SQLITE_OK && *tail != '\0') {
-    sqlite3_stmt* stmt = nullptr;
-    rc = sqlite3_prepare_v2(db, tail, -1, &stmt, &tail);
-    if (rc != SQLITE_OK || stmt == nullptr) break;
-    out.clear();
-    int step = sqlite3_step(stmt);
-    if (step == SQLITE_ROW && sqlite3_column_text(stmt, 0) != nullptr) {
-      out = reinterpret_cast<const char*>(sqlite3_column_text(stmt, 0));
-    }
-    while (step == SQLITE_ROW) step = sqlite3_step(stmt);
-    if (step != SQLITE_DONE) rc = step;
-    sqlite3_finalize(stmt);
-  }
-  sqlite3_close(db);
-  return rc == SQLITE_OK ? out : "rc=" + std::to_string(rc);
-}
-
-std::set<std::string> Entries(const std::string& dir) {
-  std::set<std::string> names;
-  DIR* d = opendir(dir.c_str());
-  while (const dirent* e = d ? readdir(d) : nullptr) {
-    if (std::string(e->d_name) != "." && std::string(e->d_name) != "..") names.insert(e->d_name);
-  }
-  if (d) closedir(d);
-  return names;
-}
 
 std::string ErrText(const SqliteDB& db) { return JsonToString(db.GetErr()); }
 

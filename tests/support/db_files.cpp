@@ -1,0 +1,39 @@
+#include "support/db_files.h"
+
+#include <dirent.h>
+
+namespace VantDRTest {
+
+std::string Query(const std::string& path, const std::string& sql, int flags) {
+  sqlite3* db = nullptr;
+  std::string out;
+  int rc = sqlite3_open_v2(path.c_str(), &db, flags, nullptr);
+  for (const char* tail = sql.c_str(); rc == SQLITE_OK && *tail != '\0';) {
+    sqlite3_stmt* stmt = nullptr;
+    rc = sqlite3_prepare_v2(db, tail, -1, &stmt, &tail);
+    if (stmt == nullptr) break;
+    out.clear();
+    int step = sqlite3_step(stmt);
+    if (step == SQLITE_ROW && sqlite3_column_text(stmt, 0) != nullptr) {
+      out = reinterpret_cast<const char*>(sqlite3_column_text(stmt, 0));
+    }
+    while (step == SQLITE_ROW) step = sqlite3_step(stmt);
+    if (step != SQLITE_DONE) rc = step;
+    sqlite3_finalize(stmt);
+  }
+  sqlite3_close(db);
+  return rc == SQLITE_OK ? out : "rc=" + std::to_string(rc);
+}
+
+std::set<std::string> Entries(const std::string& dir) {
+  std::set<std::string> names;
+  DIR* d = opendir(dir.c_str());
+  while (const dirent* e = d != nullptr ? readdir(d) : nullptr) {
+    const std::string name = e->d_name;
+    if (name != "." && name != "..") names.insert(name);
+  }
+  if (d != nullptr) closedir(d);
+  return names;
+}
+
+}  // namespace VantDRTest
