@@ -42,10 +42,13 @@ TEST(SqliteBackup, CopiesReplacesAndKeepsWhatItMustNotTouch) {
   Fill(src, 500);
   chmod(src.c_str(), 0640);
   SqliteDB db(src, 0, "t");
-  // A temporary of a backup that died (pid 0x7fffffff is never alive) goes;
-  // one of a living process (init) and other files stay.
+  // What a backup that died left (pid 0x7fffffff is never alive) goes; that
+  // of a living process (init) stays.
   const std::string dead = ".vantdr-backup.2147483647.00", alive = ".vantdr-backup.1.00";
-  ASSERT_TRUE(WriteText(tmp.File(dead), "x") && WriteText(tmp.File(alive), "x"));
+  for (const std::string& name : {dead, alive}) {
+    mkdir(tmp.File(name).c_str(), 0700);
+    ASSERT_TRUE(WriteText(tmp.File(name + "/copy"), "x"));
+  }
   {
     LogCapture log;
     ASSERT_TRUE(db.Backup(dest)) << ErrText(db);

@@ -131,15 +131,19 @@ class VANTDR_API SqliteDB : public ErrRecorder {
   /// A consistent copy of the whole database at `destPath`, taken in one
   /// read transaction while other connections go on reading and writing
   /// (their commits wait at most one copy's time; a busy source is retried
-  /// as in Exec). The copy is written beside `destPath` under an unpredictable
-  /// name, synced, must pass a quick check, and then replaces `destPath`
-  /// atomically; on any failure the previous backup is intact and no
-  /// temporary is left, except that a failed sync of the directory after the
-  /// swap (404) leaves the new, checked backup in place. Refused (401): a path without a file name,
-  /// a missing directory or one the caller cannot create files in, a destination that is a link,
-  /// not a regular file, another user's file or the database itself, a connection inside a
-  /// transaction. SQLite failures: 404/405. A new backup gets the database file's permission bits;
-  /// an existing one keeps its own. A copy of a WAL database is written in rollback mode.
+  /// as in Exec). The copy is written in a private directory with an
+  /// unpredictable name beside `destPath`, synced, must pass a quick check,
+  /// and then replaces `destPath` atomically. On any failure the previous
+  /// backup is intact and nothing is left beside it, except that a failed
+  /// sync of the directory after the swap (404) leaves the new, checked
+  /// backup in place. What a killed backup left is removed by the next one in
+  /// that directory. Refused (401): a path without a file name, a missing
+  /// directory or one the caller cannot create in, a destination that is a
+  /// link, not a regular file, another user's file or the database itself,
+  /// or that changed during the backup; a connection inside a transaction.
+  /// SQLite failures: 404/405. A new backup gets the database file's
+  /// permission bits; a replaced one keeps its mode and group. A copy of a
+  /// WAL database is written in rollback mode.
   bool Backup(const std::string& destPath);
 
   /// PRAGMA quick_check (or integrity_check): true only when it answers

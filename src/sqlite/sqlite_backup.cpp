@@ -1,8 +1,10 @@
 // Online backup. The copy is taken in one step from one read transaction, so
-// commits by others never restart it, and is written under an unpredictable
-// name beside the destination, reached only through a descriptor of the
-// directory opened once: a daemon running as root must not be steered into
-// writing or replacing a file through a link another local user planted.
+// commits by others never restart it. It is written in a private directory
+// of its own (unpredictable name, mode 0700) beside the destination, reached
+// only through descriptors of directories opened once: a daemon running as
+// root must not be steered into writing or replacing a file through a link
+// another local user planted, nor have a journal planted beside its copy
+// rolled into it.
 #ifndef _GNU_SOURCE
 #define _GNU_SOURCE
 #endif
@@ -33,9 +35,11 @@ namespace {
 const unsigned kRetryPauseMinMSec = 1000;
 const unsigned kRetryPauseMaxMSec = 2000;
 const int kBusyTimeoutMSec = 1000;  // the connection's own, restored after the copy
-// Followed by the writer's pid (so that the next backup in the directory can
-// remove what a killed one left) and 64 random bits.
+// The private directory: followed by the writer's pid (so that the next
+// backup in the directory can remove what a killed one left) and 64 random
+// bits. The copy inside it is kCopyName.
 const char kTempPrefix[] = ".vantdr-backup.";
+const char kCopyName[] = "copy";
 
 // The default file system layer, except that names are used as given. SQLite
 // would otherwise resolve "/proc/self/fd/N/name" back into the directory's
@@ -78,7 +82,8 @@ bool SameFile(const struct stat& a, const struct stat& b) {
 // never a link.
 bool Replaceable(const struct stat& st) { return S_ISREG(st.st_mode) && st.st_uid == geteuid(); }
 
-// Temporaries left by backups that were killed; only plain files of ours.
+// Private directories left by killed backups: only ours, emptied of the
+// files a backup makes there and nothing else.
 void RemoveLeftovers(int dirFd) {
   const int fd = openat(dirFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (fd < 0) return;
@@ -94,10 +99,20 @@ void RemoveLeftovers(int dirFd) {
     const long pid = strtol(entry->d_name + prefixLength, &end, 10);
     if (pid <= 0 || pid > INT_MAX || *end != '.' || pid == getpid()) continue;
     if (kill(static_cast<pid_t>(pid), 0) == 0 || errno != ESRCH) continue;
+    const int inner =
+        openat(dirfd(dir), entry->d_name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
     struct stat st;
-    if (fstatat(dirfd(dir), entry->d_name, &st, AT_SYMLINK_NOFOLLOW) == 0 && Replaceable(st)) {
-      unlinkat(dirfd(dir), entry->d_name, 0);
+    if (inner < 0) continue;
+    if (fstat(inner, &st) == 0 && st.st_uid == geteuid()) {
+      for (const std::string& name :
+           {std::string(kCopyName), kCopyName + std::string("-journal")}) {
+        if (fstatat(inner, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 && Replaceable(st)) {
+          unlinkat(inner, name.c_str(), 0);
+        }
+      }
+      unlinkat(dirfd(dir), entry->d_name, AT_REMOVEDIR);
     }
+    close(inner);
   }
   closedir(dir);
 }
@@ -109,16 +124,25 @@ class BackupFiles {
   ~BackupFiles() {
     if (copy != nullptr) sqlite3_close(copy);
     if (tempFd >= 0) close(tempFd);
-    if (!tempName.empty()) unlinkat(dirFd, tempName.c_str(), 0);
+    RemoveTemporary();
+    if (tempDirFd >= 0) close(tempDirFd);
     if (dirFd >= 0) close(dirFd);
   }
   std::string ViaDirectory() const {
-    return "/proc/self/fd/" + std::to_string(dirFd) + "/" + tempName;
+    return "/proc/self/fd/" + std::to_string(tempDirFd) + "/" + kCopyName;
+  }
+  void RemoveTemporary() {
+    if (tempDirFd >= 0 && copyNamed) unlinkat(tempDirFd, kCopyName, 0);
+    copyNamed = false;
+    if (!tempDirName.empty()) unlinkat(dirFd, tempDirName.c_str(), AT_REMOVEDIR);
+    tempDirName.clear();
   }
 
   int dirFd = -1;
+  int tempDirFd = -1;
+  std::string tempDirName;  // empty once removed
   int tempFd = -1;
-  std::string tempName;  // empty once renamed
+  bool copyNamed = false;  // false once renamed
   sqlite3* copy = nullptr;
 };
 
@@ -161,11 +185,22 @@ bool CreateTemporary(BackupFiles& files) {
   char hex[sizeof random * 2 + 1];
   for (size_t i = 0; i < sizeof random; ++i) snprintf(hex + 2 * i, 3, "%02x", random[i]);
   const std::string name = kTempPrefix + std::to_string(getpid()) + "." + hex;
-  // Private until it is complete; never through a link.
+  if (mkdirat(files.dirFd, name.c_str(), 0700) != 0) return false;
+  files.tempDirName = name;
+  // Ours as made, unless someone swapped the name meanwhile.
+  files.tempDirFd =
+      openat(files.dirFd, name.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+  struct stat st;
+  if (files.tempDirFd < 0 || fstat(files.tempDirFd, &st) != 0 || st.st_uid != geteuid() ||
+      (st.st_mode & 077) != 0) {
+    if (files.tempDirFd >= 0) files.tempDirName.clear();  // not ours to remove
+    errno = EPERM;
+    return false;
+  }
   files.tempFd =
-      openat(files.dirFd, name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+      openat(files.tempDirFd, kCopyName, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
   if (files.tempFd < 0) return false;
-  files.tempName = name;
+  files.copyNamed = true;
   return true;
 }
 
@@ -259,7 +294,7 @@ bool Replace(BackupFiles& files, const std::string& base, bool existed, const st
              Failure& failure) {
   struct stat temp, named, now;
   if (fstat(files.tempFd, &temp) != 0 ||
-      fstatat(files.dirFd, files.tempName.c_str(), &named, AT_SYMLINK_NOFOLLOW) != 0 ||
+      fstatat(files.tempDirFd, kCopyName, &named, AT_SYMLINK_NOFOLLOW) != 0 ||
       !SameFile(temp, named)) {
     failure = PathFailure("the copy was moved");
     return false;
@@ -271,11 +306,10 @@ bool Replace(BackupFiles& files, const std::string& base, bool existed, const st
       failure = PathFailure("the destination changed during the backup");
       return false;
     }
-    renamed = renameat(files.dirFd, files.tempName.c_str(), files.dirFd, base.c_str());
+    renamed = renameat(files.tempDirFd, kCopyName, files.dirFd, base.c_str());
   } else {
     // Whatever appeared meanwhile is left alone.
-    renamed =
-        renameat2(files.dirFd, files.tempName.c_str(), files.dirFd, base.c_str(), RENAME_NOREPLACE);
+    renamed = renameat2(files.tempDirFd, kCopyName, files.dirFd, base.c_str(), RENAME_NOREPLACE);
     if (renamed != 0 && errno == EEXIST) {
       failure = PathFailure("the destination appeared during the backup");
       return false;
@@ -285,7 +319,8 @@ bool Replace(BackupFiles& files, const std::string& base, bool existed, const st
     failure = SystemFailure("rename the copy");
     return false;
   }
-  files.tempName.clear();
+  files.copyNamed = false;
+  files.RemoveTemporary();  // before the sync, which then covers it too
   const int dir = openat(files.dirFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   const bool synced = dir >= 0 && fsync(dir) == 0;
   if (!synced) failure = SystemFailure("sync the directory");
