@@ -66,15 +66,16 @@ TEST(SqliteBackup, CopiesReplacesAndKeepsWhatItMustNotTouch) {
   EXPECT_EQ(Query(dest, "SELECT count(*) || ':' || sum(length(v)) FROM t"), "500:6000");
   EXPECT_EQ(Entries(tmp.path()), (std::set<std::string>{"src.db", "backup.db", alive}));
 
-  // A replaced backup keeps its mode; a copy of a WAL database opens as a
+  // A replaced backup keeps its mode and group; a copy of a WAL database opens as a
   // plain one, and checking it leaves no -wal or -shm behind.
-  chmod(dest.c_str(), 0604);
+  ASSERT_EQ(chown(dest.c_str(), -1, 65534) | chmod(dest.c_str(), 0604), 0);
   ASSERT_EQ(Query(src, "PRAGMA journal_mode=WAL; INSERT INTO t (v) VALUES ('wal')"), "");
   db.Close();
   ASSERT_TRUE(db.Backup(dest)) << ErrText(db);
   struct stat st;
   ASSERT_EQ(stat(dest.c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 07777, 0604u);
+  EXPECT_EQ(st.st_gid, 65534u);
   EXPECT_EQ(Query(dest, "SELECT count(*) FROM t", SQLITE_OPEN_READONLY), "501");
   EXPECT_EQ(Query(dest, "PRAGMA journal_mode"), "delete");
   EXPECT_EQ(Entries(tmp.path()).count("backup.db-wal") + Entries(tmp.path()).count("backup.db-shm"),
