@@ -271,8 +271,9 @@ bool QuickCheck(BackupFiles& files, Failure& failure) {
       sqlite3_open_v2(files.ViaDirectory().c_str(), &check, SQLITE_OPEN_READONLY, DescriptorVfs());
   sqlite3_stmt* stmt = nullptr;
   // Read through a mapping: the check reads every page once.
-  if (rc == SQLITE_OK)
+  if (rc == SQLITE_OK) {
     rc = sqlite3_exec(check, "PRAGMA mmap_size=1073741824", nullptr, nullptr, nullptr);
+  }
   if (rc == SQLITE_OK) rc = sqlite3_prepare_v2(check, "PRAGMA quick_check", -1, &stmt, nullptr);
   std::string answer;
   int rows = 0;
@@ -313,6 +314,15 @@ bool Replace(BackupFiles& files, const std::string& base, bool existed, const st
   } else {
     // Whatever appeared meanwhile is left alone.
     renamed = renameat2(files.tempDirFd, kCopyName, files.dirFd, base.c_str(), RENAME_NOREPLACE);
+    if (renamed != 0 && errno == EINVAL) {
+      // A file system without the flag: checked just before, as above.
+      renamed = fstatat(files.dirFd, base.c_str(), &now, AT_SYMLINK_NOFOLLOW) == 0 ? -1 : 0;
+      if (renamed == 0) {
+        renamed = renameat(files.tempDirFd, kCopyName, files.dirFd, base.c_str());
+      } else {
+        errno = EEXIST;
+      }
+    }
     if (renamed != 0 && errno == EEXIST) {
       failure = PathFailure("the destination appeared during the backup");
       return false;
