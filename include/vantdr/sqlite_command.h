@@ -6,9 +6,13 @@
 /// returns partial SQL. A refused setter returns false and leaves the
 /// builder as it was.
 ///
-/// Table names, field names and condition texts are inserted verbatim (no
-/// quoting): never pass untrusted text as any of them. Values are always
-/// escaped through SqliteValue::ToFormatedValue. Columns of INSERT and UPDATE
+/// SQL text, inserted verbatim (no quoting): table names and column
+/// definitions, field names, conditions, order fields and select fields.
+/// Never build any of them from request data or other untrusted text; values
+/// are the safe path, always escaped through SqliteValue::ToFormatedValue.
+/// As a last guard, SqliteDB runs a builder's text (and its table's creation)
+/// only when it is exactly one statement and not ATTACH, DETACH or VACUUM:
+/// anything else is refused with 401 and one ERR line, before any SQL runs. Columns of INSERT and UPDATE
 /// follow the record's order (ascending field name), not the order of adding.
 #pragma once
 

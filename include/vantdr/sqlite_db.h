@@ -58,8 +58,9 @@ class VANTDR_API SqliteDB : public ErrRecorder {
   /// this first.
   bool IsExisted() const;
 
-  /// Runs statements that return no rows. Gives up after the first failure
-  /// that is neither SQLITE_BUSY nor SQLITE_LOCKED.
+  /// Runs statements that return no rows, as many as `sql` holds: it is the
+  /// caller's own SQL text. Gives up after the first failure that is neither
+  /// SQLITE_BUSY nor SQLITE_LOCKED.
   bool Exec(const std::string& sql);
 
   /// Replaces `record` with the first row; a query without rows succeeds and
@@ -77,11 +78,15 @@ class VANTDR_API SqliteDB : public ErrRecorder {
   /// A failed look-up counts as missing.
   bool IsTableExisted(const std::string& tableName);
   /// Creates the table from its column definitions unless it exists. A handler
-  /// without column definitions needs no table: true, nothing sent.
+  /// without column definitions needs no table: true, nothing sent. A name or
+  /// definitions that make more than one statement are refused (401).
   bool CreateTable(const SqliteTableHandler& table);
 
   /// Runs a valid builder after creating its table if missing. GetCommand()
-  /// is asked twice: for the INFO line, then for the text that runs.
+  /// is asked twice: for the INFO line, then for the text that runs. Like
+  /// every record operation and batch, it refuses (401, one ERR line, nothing
+  /// run) a text, or table creation, that is not exactly one statement, or
+  /// is ATTACH, DETACH or VACUUM.
   bool Exec(const SqliteCommand& command);
   /// Exec(command) for an INSERT.
   bool InsertRecord(const InsertCommand& command);
@@ -183,6 +188,11 @@ class VANTDR_API SqliteDB : public ErrRecorder {
   std::string path_;
   unsigned int retryLimit_;
   std::string logTag_;
+
+  // Refuses (401, one ERR line) text that is not exactly one statement, or
+  // is ATTACH, DETACH or VACUUM; with a table, its creation text first.
+  bool RefuseUnlessSingle(const std::string& sql);
+  bool RefuseUnlessSingle(const std::string& sql, const SqliteTableHandler& table);
 
   // The count query `sql` read into `count`. (Named like the public forms:
   // log lines carry the function name.)

@@ -258,6 +258,9 @@ bool SqliteDB::Batch::ExecBatch(SqliteDB& db, const std::vector<Item>& items) {
       VLOG_ERR("Invalid command [%zu] of batch [%s]", i, items[i].command->ToStr().c_str());
       return false;
     }
+    if (db.RefuseUnlessSingle(items[i].command->GetCommand(), items[i].command->GetTable())) {
+      return false;
+    }
   }
   // Nothing to write: the file is not even created.
   const bool empty = items.empty();

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "sqlite/statement_text.h"
 #include "vantcore/vlibc.h"
 #include "vantdr/json_text.h"
 #include "vantdr/log.h"
@@ -373,12 +374,30 @@ bool SqliteDB::CreateTable(const SqliteTableHandler& table) {
   }
   if (IsTableExisted(name)) return true;
   const std::string sql = "CREATE TABLE IF NOT EXISTS " + name + " (" + columns + ")";
+  if (RefuseUnlessSingle(sql)) return false;
   if (Exec(sql)) return true;
   VLOG_ERR("Failed to create table [%s] with cmd[%s]", name.c_str(), sql.c_str());
   return false;
 }
 
 // --- records ---------------------------------------------------------------------
+
+bool SqliteDB::RefuseUnlessSingle(const std::string& sql) {
+  if (IsSingleStatement(sql)) return false;
+  SetErr(ERR::BAD_PARAMETER);
+  VLOG_ERR("Refused [%s]: not one statement, or ATTACH, DETACH or VACUUM", sql.c_str());
+  return true;
+}
+
+bool SqliteDB::RefuseUnlessSingle(const std::string& sql, const SqliteTableHandler& table) {
+  // The table's creation runs first, so its text is checked first too.
+  const std::string& columns = table.GetColumnDefinitions();
+  if (!columns.empty() &&
+      RefuseUnlessSingle("CREATE TABLE IF NOT EXISTS " + table.GetName() + " (" + columns + ")")) {
+    return true;
+  }
+  return RefuseUnlessSingle(sql);
+}
 
 bool SqliteDB::Exec(const SqliteCommand& command) {
   SetErr(ERR::ERR_UNKNOWN);
@@ -389,13 +408,14 @@ bool SqliteDB::Exec(const SqliteCommand& command) {
     SetErr(ERR::BAD_PARAMETER);
     return false;
   }
+  // Asked again for the run: a caller's builder may answer differently.
+  const std::string sql = command.GetCommand();
+  if (RefuseUnlessSingle(sql, command.GetTable())) return false;
   SetErr(ERR::ERR_DATABASE_OPERATION);
   if (!CreateTable(command.GetTable())) {
     VLOG_ERR("Failed to create table [%s]", command.GetTable().GetName().c_str());
     return false;
   }
-  // Asked again for the run: a caller's builder may answer differently.
-  const std::string sql = command.GetCommand();
   if (!Exec(sql)) {
     VLOG_ERR("Failed to exec [%s] in db[%s]", sql.c_str(), path_.c_str());
     return false;
@@ -443,12 +463,14 @@ bool SqliteDB::SelectRecord(const SelectCommand& command, SqliteValueList& recor
     return false;
   }
   if (!IsExisted()) return false;
+  const std::string sql = command.GetCommand();
+  if (RefuseUnlessSingle(sql, command.GetTable())) return false;
   SetErr(ERR::ERR_DATABASE_OPERATION);
   if (!CreateTable(command.GetTable())) {
     VLOG_ERR("Failed to create table");
     return false;
   }
-  if (!SelectByCommand(command.GetCommand(), record)) return false;
+  if (!SelectByCommand(sql, record)) return false;
   SetErr(0);
   return true;
 }
@@ -460,12 +482,14 @@ bool SqliteDB::SelectRecords(const SelectCommand& command, std::vector<SqliteVal
     return false;
   }
   if (!IsExisted()) return false;
+  const std::string sql = command.GetCommand();
+  if (RefuseUnlessSingle(sql, command.GetTable())) return false;
   SetErr(ERR::ERR_DATABASE_OPERATION);
   if (!CreateTable(command.GetTable())) {
     VLOG_ERR("Failed to create table");
     return false;
   }
-  if (!SelectByCommand(command.GetCommand(), records)) return false;
+  if (!SelectByCommand(sql, records)) return false;
   SetErr(0);
   return true;
 }
