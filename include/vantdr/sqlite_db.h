@@ -34,7 +34,15 @@ class SqliteTransaction;
 ///
 /// Rows come back with INTEGER and TEXT columns only: NULL, REAL and BLOB
 /// columns are left out of the record (with a WARN line). TEXT ends at its
-/// first NUL byte, so any record read can be written back.
+/// first NUL byte, so any record read can be written back. SqliteStatement
+/// binds and reads every type.
+///
+/// A missing database file is created by Open, Exec, SelectByCommand,
+/// CreateTable, GetCount, IsTableExisted, InsertRecord, UpdateRecord, a
+/// non-empty batch, SqliteTransaction::Begin and a SqliteStatement's first
+/// use. SelectRecord(s) and ForEachRecord refuse
+/// it (false, error record untouched); DeleteRecord(s) succeed without
+/// creating it.
 class VANTDR_API SqliteDB : public ErrRecorder {
  public:
   /// Opens nothing: the file is opened (and created) by the first operation
@@ -82,7 +90,9 @@ class VANTDR_API SqliteDB : public ErrRecorder {
   bool CreateTable(const SqliteTableHandler& table);
 
   /// Runs a valid builder after creating its table if missing. GetCommand()
-  /// is asked twice: for the INFO line, then for the text that runs.
+  /// is asked twice: for the INFO line, then for the text that runs. Writes
+  /// two INFO lines on success ("<tag> Exec cmd: <sql>", "<tag> Exec cmd
+  /// success"), one on failure.
   bool Exec(const SqliteCommand& command);
   /// Exec(command) for an INSERT.
   bool InsertRecord(const InsertCommand& command);

@@ -32,11 +32,11 @@ class SqliteStatement;
 
 /// SQLite's five storage classes, as GetType reports them.
 enum SqliteType : int {
-  kSqliteInteger = 1,
-  kSqliteFloat = 2,
-  kSqliteText = 3,
-  kSqliteBlob = 4,
-  kSqliteNull = 5,
+  kSqliteInteger = 1,  ///< 64-bit signed integer
+  kSqliteFloat = 2,    ///< 64-bit IEEE floating point
+  kSqliteText = 3,     ///< text, UTF-8 bytes
+  kSqliteBlob = 4,     ///< bytes
+  kSqliteNull = 5,     ///< NULL
 };
 
 /// The row a statement stands on, valid only inside the ForEachRow callback.
@@ -46,19 +46,33 @@ enum SqliteType : int {
 /// number); text and blobs come whole, NUL bytes included.
 class VANTDR_API SqliteRow {
  public:
+  /// Columns of the row.
   int GetColumnCount() const;
+  /// The column's name as the query gives it ("count(*)" unless aliased).
   std::string GetColumnName(int index) const;
+  /// The storage class of the value (SqliteType).
   int GetType(int index) const;
+  /// GetType of the first column named `name`.
   int GetType(const std::string& name) const;
+  /// Whether the value is NULL; false for a wrong index.
   bool IsNull(int index) const;
+  /// IsNull of the first column named `name`.
   bool IsNull(const std::string& name) const;
+  /// The value as a 64-bit integer.
   int64_t GetInt64(int index) const;
+  /// GetInt64 of the first column named `name`.
   int64_t GetInt64(const std::string& name) const;
+  /// The value as a double.
   double GetDouble(int index) const;
+  /// GetDouble of the first column named `name`.
   double GetDouble(const std::string& name) const;
+  /// The value as text, every byte; "" for NULL.
   std::string GetText(int index) const;
+  /// GetText of the first column named `name`.
   std::string GetText(const std::string& name) const;
+  /// The value's bytes; "" for NULL and the empty blob.
   std::string GetBlob(int index) const;
+  /// GetBlob of the first column named `name`.
   std::string GetBlob(const std::string& name) const;
 
  private:
@@ -81,22 +95,34 @@ class VANTDR_API SqliteStatement {
   /// the file, as Exec does) and prepares `sql`. Text holding more than one
   /// statement, or none, is refused there (401).
   SqliteStatement(SqliteDB& db, const std::string& sql);
+  /// Finalizes the prepared statement.
   ~SqliteStatement();
 
+  /// Not copyable: the object owns its prepared statement.
   SqliteStatement(const SqliteStatement&) = delete;
+  /// Not assignable, for the same reason.
   SqliteStatement& operator=(const SqliteStatement&) = delete;
 
   // Parameters are numbered from 1 (?, ?NNN) or named (":a", "@a", "$a", the
   // prefix included). A wrong index or name: false, 401, one ERR line.
-  // Integers are stored as SQLite's 64-bit INTEGER; an unsigned value above
-  // INT64_MAX is refused (401). A double NaN is stored as NULL, as SQLite does.
+  // Integers are stored as SQLite's 64-bit INTEGER whatever their C++ type
+  // (so the 64-bit values the builders format to "" fit here); an unsigned
+  // value above INT64_MAX is refused (401). Binding while the statement
+  // runs (from a ForEachRow callback) is refused (401).
 
+  /// An INTEGER (booleans bind 0 or 1 through this overload).
   bool Bind(int index, int value);
+  /// An INTEGER.
   bool Bind(int index, unsigned int value);
+  /// An INTEGER.
   bool Bind(int index, long value);
+  /// An INTEGER; refused above INT64_MAX.
   bool Bind(int index, unsigned long value);
+  /// An INTEGER (int64_t is this or `long`).
   bool Bind(int index, long long value);
+  /// An INTEGER; refused above INT64_MAX.
   bool Bind(int index, unsigned long long value);
+  /// A REAL; NaN is stored as NULL, as SQLite does.
   bool Bind(int index, double value);
   /// Text, bytes kept whole (NUL included).
   bool Bind(int index, const std::string& value);
@@ -104,18 +130,30 @@ class VANTDR_API SqliteStatement {
   bool Bind(int index, const char* value);
   /// A BLOB of `size` bytes; (nullptr, 0) is the empty blob.
   bool BindBlob(int index, const void* data, size_t size);
+  /// NULL.
   bool BindNull(int index);
 
+  /// Bind(index, value) for the parameter named `name`.
   bool Bind(const std::string& name, int value);
+  /// Bind(index, value) for the parameter named `name`.
   bool Bind(const std::string& name, unsigned int value);
+  /// Bind(index, value) for the parameter named `name`.
   bool Bind(const std::string& name, long value);
+  /// Bind(index, value) for the parameter named `name`.
   bool Bind(const std::string& name, unsigned long value);
+  /// Bind(index, value) for the parameter named `name`.
   bool Bind(const std::string& name, long long value);
+  /// Bind(index, value) for the parameter named `name`.
   bool Bind(const std::string& name, unsigned long long value);
+  /// Bind(index, value) for the parameter named `name`.
   bool Bind(const std::string& name, double value);
+  /// Bind(index, value) for the parameter named `name`.
   bool Bind(const std::string& name, const std::string& value);
+  /// Bind(index, value) for the parameter named `name`.
   bool Bind(const std::string& name, const char* value);
+  /// BindBlob(index, data, size) for the parameter named `name`.
   bool BindBlob(const std::string& name, const void* data, size_t size);
+  /// BindNull(index) for the parameter named `name`.
   bool BindNull(const std::string& name);
 
   /// Runs the statement to its end (rows ignored) under the database's retry
