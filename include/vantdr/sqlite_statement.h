@@ -190,10 +190,12 @@ class VANTDR_API SqliteStatement {
   // Prepared (and `index` a parameter); false when refused, logged.
   bool Ready(const char* caller);
   bool Ready(int index, const char* caller);
-  bool Put(int index, Value& value, const char* caller);
+  // Stores and binds a value of SQLite type `type`.
+  bool Put(int index, int type, int64_t integer, double real, const void* bytes, size_t size,
+           const char* caller);
+  bool Refused(int index, const char* caller);  // converts, logs, unbinds
   bool PutInteger(int index, long long value, const char* caller);
   bool PutUnsigned(int index, unsigned long long value, const char* caller);
-  bool PutBytes(int index, int type, const void* data, size_t size, const char* caller);
   int Apply(int index);  // binds the stored value at `index`, 1-based
   int IndexOf(const std::string& name, const char* caller);  // 0 when refused
   // One attempt: SQLITE_OK with the record at 0, -1 when refused, or the

@@ -24,6 +24,8 @@ namespace {
 
 // SQLite keeps no copy: the stored value outlives every step that reads it.
 const sqlite3_destructor_type kKept = SQLITE_STATIC;
+// Above this size a value is checked against SQLite's limit before it is copied.
+const size_t kLargeValue = size_t{1} << 20;
 
 }  // namespace
 
@@ -262,31 +264,48 @@ int SqliteStatement::Apply(int index) {
   }
 }
 
-bool SqliteStatement::Put(int index, Value& value, const char* caller) {
+bool SqliteStatement::Put(int index, int type, int64_t integer, double real, const void* bytes,
+                          size_t size, const char* caller) try {
   if (!Ready(index, caller)) return false;
-  Value& slot = values_[static_cast<size_t>(index - 1)];
-  std::swap(slot, value);
-  const int bound = Apply(index);
-  if (bound == SQLITE_OK) {
-    db_.SetErr(0);
-    return true;
+  if (bytes == nullptr && size > 0) {
+    db_.SetErr(ERR::BAD_PARAMETER);
+    VANTDR_LOG_AS(caller, "Null data of [%zu] bytes for parameter [%d]", size, index);
+    return false;
   }
-  slot = Value();
-  sqlite3_bind_null(stmt_, index);
+  // A huge value is refused before the copy, as SQLite would refuse it after.
+  if (size > kLargeValue &&
+      size > static_cast<size_t>(sqlite3_limit(db_.handle_, SQLITE_LIMIT_LENGTH, -1))) {
+    db_.SetErr(SQLITE_TOOBIG, Json::Value(sqlite3_errstr(SQLITE_TOOBIG)));
+    return Refused(index, caller);
+  }
+  Value& slot = values_[static_cast<size_t>(index - 1)];
+  slot.type = type;
+  slot.integer = integer;
+  slot.real = real;
+  if (size > 0) {
+    slot.bytes.assign(static_cast<const char*>(bytes), size);  // keeps its capacity
+  } else {
+    slot.bytes.clear();
+  }
+  const int bound = Apply(index);
+  if (bound == SQLITE_OK) return true;  // the error record is left as it was
   db_.SetDBErr(bound, nullptr);
+  return Refused(index, caller);
+}
+VANTDR_CATCH_ALL(false)
+
+bool SqliteStatement::Refused(int index, const char* caller) {
+  values_[static_cast<size_t>(index - 1)] = Value();
+  sqlite3_bind_null(stmt_, index);
   db_.SetDBErr(ErrRecorder(db_));
   VANTDR_LOG_AS(caller, "Failed to bind parameter [%d] of [%s] with err [%s]", index, sql_.c_str(),
                 JsonToString(db_.GetErr()).c_str());
   return false;
 }
 
-bool SqliteStatement::PutInteger(int index, long long value, const char* caller) try {
-  Value v;
-  v.type = SQLITE_INTEGER;
-  v.integer = static_cast<int64_t>(value);
-  return Put(index, v, caller);
+bool SqliteStatement::PutInteger(int index, long long value, const char* caller) {
+  return Put(index, SQLITE_INTEGER, static_cast<int64_t>(value), 0.0, nullptr, 0, caller);
 }
-VANTDR_CATCH_ALL(false)
 
 bool SqliteStatement::PutUnsigned(int index, unsigned long long value, const char* caller) {
   if (value > static_cast<unsigned long long>(INT64_MAX)) {
@@ -297,29 +316,6 @@ bool SqliteStatement::PutUnsigned(int index, unsigned long long value, const cha
   }
   return PutInteger(index, static_cast<long long>(value), caller);
 }
-
-bool SqliteStatement::PutBytes(int index, int type, const void* data, size_t size,
-                               const char* caller) try {
-  if (!Ready(index, caller)) return false;
-  if (data == nullptr && size > 0) {
-    db_.SetErr(ERR::BAD_PARAMETER);
-    VANTDR_LOG_AS(caller, "Null data of [%zu] bytes for parameter [%d]", size, index);
-    return false;
-  }
-  // Refused before the copy: SQLite would refuse it after.
-  if (size > static_cast<size_t>(sqlite3_limit(db_.handle_, SQLITE_LIMIT_LENGTH, -1))) {
-    db_.SetErr(SQLITE_TOOBIG, Json::Value(sqlite3_errstr(SQLITE_TOOBIG)));
-    db_.SetDBErr(ErrRecorder(db_));
-    VANTDR_LOG_AS(caller, "Failed to bind parameter [%d] of [%s] with err [%s]", index,
-                  sql_.c_str(), JsonToString(db_.GetErr()).c_str());
-    return false;
-  }
-  Value v;
-  v.type = type;
-  if (size > 0) v.bytes.assign(static_cast<const char*>(data), size);
-  return Put(index, v, caller);
-}
-VANTDR_CATCH_ALL(false)
 
 bool SqliteStatement::Bind(int index, int value) { return PutInteger(index, value, __func__); }
 bool SqliteStatement::Bind(int index, unsigned int value) {
@@ -335,29 +331,23 @@ bool SqliteStatement::Bind(int index, long long value) {
 bool SqliteStatement::Bind(int index, unsigned long long value) {
   return PutUnsigned(index, value, __func__);
 }
-bool SqliteStatement::Bind(int index, double value) try {
-  Value v;
-  v.type = SQLITE_FLOAT;
-  v.real = value;
-  return Put(index, v, __func__);
+bool SqliteStatement::Bind(int index, double value) {
+  return Put(index, SQLITE_FLOAT, 0, value, nullptr, 0, __func__);
 }
-VANTDR_CATCH_ALL(false)
 bool SqliteStatement::Bind(int index, const std::string& value) {
-  return PutBytes(index, SQLITE_TEXT, value.data(), value.size(), __func__);
+  return Put(index, SQLITE_TEXT, 0, 0.0, value.data(), value.size(), __func__);
 }
 bool SqliteStatement::Bind(int index, const char* value) {
   if (value == nullptr) return BindNull(index);
-  return PutBytes(index, SQLITE_TEXT, value, std::strlen(value), __func__);
+  return Put(index, SQLITE_TEXT, 0, 0.0, value, std::strlen(value), __func__);
 }
 bool SqliteStatement::BindBlob(int index, const void* data, size_t size) {
-  return PutBytes(index, SQLITE_BLOB, data, size, __func__);
+  // (nullptr, 0) is the empty blob: the stored bytes are never a null pointer.
+  return Put(index, SQLITE_BLOB, 0, 0.0, data, size, __func__);
 }
-bool SqliteStatement::BindNull(int index) try {
-  Value v;
-  v.type = SQLITE_NULL;
-  return Put(index, v, __func__);
+bool SqliteStatement::BindNull(int index) {
+  return Put(index, SQLITE_NULL, 0, 0.0, nullptr, 0, __func__);
 }
-VANTDR_CATCH_ALL(false)
 
 // By name: the index, then the same binding (a refused name logs once).
 #define VANTDR_BIND_BY_NAME(Method, Type)                             \
@@ -389,7 +379,6 @@ bool SqliteStatement::BindNull(const std::string& name) {
 // --- running -------------------------------------------------------------------
 
 int SqliteStatement::Attempt(const std::function<bool(const SqliteRow&)>& onRow, bool& handedOut) {
-  db_.SetErr(ERR::ERR_DATABASE_OPERATION);
   const int prepared = Prepare();
   if (prepared != SQLITE_OK) return prepared;
   // A write of ours follows any batch: GetChanges reports it.
@@ -417,12 +406,12 @@ int SqliteStatement::Attempt(const std::function<bool(const SqliteRow&)>& onRow,
     db_.SetDBErr(stepped, nullptr);
     return stepped;
   }
-  db_.SetErr(0);
+  // Cleared only when set: this runs once per row of a bulk load.
+  if (db_.GetErrCode() != 0 || !db_.GetErrMsg().isNull()) db_.SetErr(0);
   return SQLITE_OK;
 }
 
 bool SqliteStatement::Run(const std::function<bool(const SqliteRow&)>& onRow, const char* caller) {
-  db_.SetErr(ERR::ERR_UNKNOWN);
   if (running_) {
     db_.SetErr(ERR::BAD_PARAMETER);
     VANTDR_LOG_AS(caller, "Statement [%s] is running", sql_.c_str());
