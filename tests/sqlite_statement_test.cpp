@@ -276,10 +276,13 @@ TEST(SqliteStatement, GetChangesAfterEveryKindOfWrite) {
     command.AddFieldValue("size", static_cast<int>(size));
     return command;
   };
-  UpdateCommand update;
-  update.SetTable(kFiles);
-  update.AddFieldValue("path", std::string("p"));
-  update.SetCondition(SqliteEqual("size", 7));
+  auto update = [](int size) {
+    UpdateCommand command;
+    command.SetTable(kFiles);
+    command.AddFieldValue("path", std::string("p"));
+    command.SetCondition(SqliteEqual("size", size));
+    return command;
+  };
   DeleteCommand remove;
   remove.SetTable(kFiles);
   remove.SetCondition(SqliteEqual("size", 8));
@@ -288,6 +291,8 @@ TEST(SqliteStatement, GetChangesAfterEveryKindOfWrite) {
     std::function<bool()> write;
     int64_t changes;
   };
+  // A batch whose last command changes nothing, then a write that changes
+  // nothing either: the counters alone cannot tell it from the batch.
   const std::vector<Case> cases = {
       {[&] { return db.InsertRecord(insert(1, 7)); }, 1},
       {[&] {
@@ -295,20 +300,24 @@ TEST(SqliteStatement, GetChangesAfterEveryKindOfWrite) {
        },
        3},
       {[&] { return db.Exec("SELECT * FROM file"); }, 3},  // a read changes nothing
-      {[&] { return db.UpdateRecord(update); }, 2},
-      {[&] {
-         return db.UpdateRecords({update, update});
-       },
-       4},
-      {[&] { return db.Exec("UPDATE file SET size = size WHERE id < 4"); }, 3},
-      {[&] { return db.DeleteRecord(remove); }, 2},
+      {[&] { return db.UpdateRecord(update(7)); }, 2},
       {[&] { return claim.Exec(); }, 2},
+      {[&] {
+         return db.UpdateRecords({update(8), update(7)});
+       },
+       2},
       {[&] { return claim.Exec(); }, 0},  // a second worker's claim finds nothing
+      {[&] {
+         return db.UpdateRecords({update(8), update(7)});
+       },
+       2},
+      {[&] { return db.Exec("DELETE FROM file WHERE id = 99"); }, 0},
+      {[&] { return db.DeleteRecord(remove); }, 2},
+      {[&] { return db.Exec("UPDATE file SET size = size WHERE id < 4"); }, 2},
       {[&] {
          return db.InsertRecords({insert(5, 1), insert(6, 1)});
        },
        2},
-      {[&] { return db.Exec("DELETE FROM file WHERE id = 99"); }, 0},
   };
   for (size_t i = 0; i < cases.size(); ++i) {
     ASSERT_TRUE(cases[i].write()) << i;
