@@ -236,7 +236,7 @@ bool SqliteStatement::Ready(int index, const char* caller) {
   return true;
 }
 
-int SqliteStatement::IndexOf(const std::string& name, const char* caller) {
+int SqliteStatement::IndexOf(const std::string& name, const char* caller) try {
   if (!Ready(caller)) return 0;
   const int index =
       name.find('\0') == std::string::npos ? sqlite3_bind_parameter_index(stmt_, name.c_str()) : 0;
@@ -246,6 +246,7 @@ int SqliteStatement::IndexOf(const std::string& name, const char* caller) {
   }
   return index;
 }
+VANTDR_CATCH_ALL(0)
 
 int SqliteStatement::Apply(int index) {
   const Value& value = values_[static_cast<size_t>(index - 1)];
@@ -307,7 +308,7 @@ bool SqliteStatement::PutInteger(int index, long long value, const char* caller)
   return Put(index, SQLITE_INTEGER, static_cast<int64_t>(value), 0.0, nullptr, 0, caller);
 }
 
-bool SqliteStatement::PutUnsigned(int index, unsigned long long value, const char* caller) {
+bool SqliteStatement::PutUnsigned(int index, unsigned long long value, const char* caller) try {
   if (value > static_cast<unsigned long long>(INT64_MAX)) {
     if (!Ready(index, caller)) return false;
     db_.SetErr(ERR::BAD_PARAMETER);
@@ -316,6 +317,7 @@ bool SqliteStatement::PutUnsigned(int index, unsigned long long value, const cha
   }
   return PutInteger(index, static_cast<long long>(value), caller);
 }
+VANTDR_CATCH_ALL(false)
 
 bool SqliteStatement::Bind(int index, int value) { return PutInteger(index, value, __func__); }
 bool SqliteStatement::Bind(int index, unsigned int value) {
