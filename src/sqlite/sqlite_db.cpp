@@ -3,8 +3,10 @@
 #include <sqlite3.h>
 
 #include <algorithm>
+#include <cstring>
 #include <utility>
 
+#include "sqlite/sqlite_rows.h"
 #include "sqlite/statement_text.h"
 #include "vantcore/vlibc.h"
 #include "vantdr/json_text.h"
@@ -19,6 +21,8 @@ const int kBusyTimeoutMSec = 1000;
 const size_t kPreparedQueries = 16;
 const unsigned kRetryPauseMinMSec = 1000;
 const unsigned kRetryPauseMaxMSec = 2000;
+
+}  // namespace
 
 // Fills the empty `record` from the row `stmt` stands on.
 void ParseRecord(sqlite3_stmt* stmt, SqliteValueList& record) {
@@ -54,22 +58,22 @@ void ParseRecord(sqlite3_stmt* stmt, SqliteValueList& record) {
   }
 }
 
+namespace {
+
 bool IsBusyOrLocked(int sqliteCode) {
   return sqliteCode == SQLITE_BUSY || sqliteCode == SQLITE_LOCKED;
 }
 
-// After a failed attempt: converts the raw SQLite error in `db`, and decides
-// (pausing first) whether another attempt is allowed.
-bool PrepareRetry(const SqliteDB& db, unsigned int retryLimit, unsigned int& retries) {
-  const ErrRecorder raw(db);
-  db.SetDBErr(raw);
-  if (!IsBusyOrLocked(raw.GetErrCode())) return false;
-  if (++retries > retryLimit) return false;
+}  // namespace
+
+bool SqliteDB::PrepareRetry(unsigned int& retries) const {
+  const ErrRecorder raw(*this);
+  SetDBErr(raw);
+  if (!IsBusyOrLocked(raw.GetErrCode()) || streamed_) return false;
+  if (++retries > retryLimit_) return false;
   RandomSleepInMSec(kRetryPauseMinMSec, kRetryPauseMaxMSec);
   return true;
 }
-
-}  // namespace
 
 SqliteDB::SqliteDB(const std::string& path, unsigned int retryLimit, const std::string& logTag)
     : path_(path), retryLimit_(retryLimit), logTag_(logTag) {}
@@ -95,6 +99,7 @@ bool SqliteDB::Open() {
 void SqliteDB::Close() {
   if (handle_ == nullptr) return;
   FinalizeQueries();  // sqlite3_close refuses a connection with live statements
+  FinalizeStatements();
   sqlite3_close(handle_);
   handle_ = nullptr;
   schemaChanged_ = false;
@@ -181,7 +186,7 @@ void SqliteDB::FinalizeQueries() {
 // runs; the flag is read at the next lookup, after it ran. SQLite itself
 // re-prepares a reused statement when a schema it reads changes (here or in
 // another connection) and after a rollback that undid a schema change.
-int SqliteDB::Authorize(void* self, int action, const char*, const char*, const char*,
+int SqliteDB::Authorize(void* self, int action, const char* arg1, const char*, const char*,
                         const char*) {
   SqliteDB& db = *static_cast<SqliteDB*>(self);
   switch (action) {
@@ -214,6 +219,12 @@ int SqliteDB::Authorize(void* self, int action, const char*, const char*, const 
     case SQLITE_ANALYZE:
     case SQLITE_PRAGMA:
       db.schemaChanged_ = true;
+      break;
+    // A write after a batch: GetChanges reports it, not the batch.
+    case SQLITE_INSERT:
+    case SQLITE_UPDATE:
+    case SQLITE_DELETE:
+      if (arg1 != nullptr && std::strncmp(arg1, "sqlite_", 7) != 0) db.batchChanges_ = -1;
       break;
     default:
       break;
@@ -284,7 +295,7 @@ bool SqliteDB::Exec(const std::string& sql) {
       }
       return true;
     }
-  } while (PrepareRetry(*this, retryLimit_, retries));
+  } while (PrepareRetry(retries));
   VLOG_ERR("Reach retry limit [%u], failed to exec command [%s] with err [%s]", retries,
            sql.c_str(), JsonToString(GetErr()).c_str());
   return false;
@@ -326,7 +337,7 @@ bool SqliteDB::SelectByCommand(const std::string& sql, bool oneRow,
       }
       return true;
     }
-  } while (PrepareRetry(*this, retryLimit_, retries));
+  } while (PrepareRetry(retries));
   if (oneRow) {
     VLOG_ERR("Reach retry limit [%u], failed to select command[%s] with err [%s]", retries,
              sql.c_str(), JsonToString(GetErr()).c_str());
@@ -476,22 +487,9 @@ bool SqliteDB::SelectRecord(const SelectCommand& command, SqliteValueList& recor
 }
 
 bool SqliteDB::SelectRecords(const SelectCommand& command, std::vector<SqliteValueList>& records) {
-  if (!command.IsValid()) {
-    SetErr(ERR::BAD_PARAMETER);
-    VLOG_ERR("invalid select command [%s]", command.ToStr().c_str());
-    return false;
-  }
-  if (!IsExisted()) return false;
-  const std::string sql = command.GetCommand();
-  if (RefuseUnlessSingle(sql, command.GetTable())) return false;
-  SetErr(ERR::ERR_DATABASE_OPERATION);
-  if (!CreateTable(command.GetTable())) {
-    VLOG_ERR("Failed to create table");
-    return false;
-  }
-  if (!SelectByCommand(sql, records)) return false;
-  SetErr(0);
-  return true;
+  // Shared with ForEachRecord (sqlite_stream.cpp), which must fail alike.
+  return SelectRecords(command,
+                       [&](const std::string& sql) { return SelectByCommand(sql, records); });
 }
 
 }  // namespace VantDRCore
