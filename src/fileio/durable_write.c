@@ -55,7 +55,7 @@
 #define RACE_ATTEMPTS 3
 /* Directory entries the clean-up reads per replacement, resuming where the
  * previous one stopped: a large directory costs every write a little. */
-#define CLEANUP_BUFFER 2048
+#define CLEANUP_BUFFER 1024
 
 enum Plan { PLAN_IN_PLACE, PLAN_CREATE, PLAN_REPLACE_EXISTING, PLAN_REPLACE_NAME };
 /* Replace() results besides a step: write in place, or look again. */
