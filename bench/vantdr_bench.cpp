@@ -28,6 +28,8 @@
 #include "vantdr/json_text.h"
 #include "vantdr/sqlite_command.h"
 #include "vantdr/sqlite_db.h"
+#include "vantdr/sqlite_statement.h"
+#include "vantdr/sqlite_transaction.h"
 #include "vantdr/sqlite_value.h"
 
 namespace {
@@ -287,6 +289,145 @@ void SelectRecordsBaseline(benchmark::State& state) {
     sqlite3_finalize(stmt);
     if (rows.size() != 10000) state.SkipWithError("select");
     benchmark::DoNotOptimize(rows);
+  }
+  sqlite3_close(db);
+}
+
+// ---- statement_insert --------------------------------------------------------
+
+// Catalogue entries: a path, a size past 4 GiB, a time and a hash.
+const char kEntrySchema[] =
+    "CREATE TABLE IF NOT EXISTS entry (path TEXT, size INTEGER, mtime INTEGER, hash BLOB)";
+const char kEntryInsert[] = "INSERT INTO entry VALUES (?, ?, ?, ?)";
+const unsigned char kHash[16] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16};
+
+const std::vector<std::string>& EntryPaths() {
+  static const std::vector<std::string> paths = [] {
+    std::vector<std::string> p;
+    for (int i = 0; i < 10000; ++i) p.push_back("/volume1/share/dir/file" + std::to_string(i));
+    return p;
+  }();
+  return paths;
+}
+
+void StatementInsertLibrary(benchmark::State& state) {
+  const std::string path = ScratchDir() + "/statement_library.db";
+  std::remove(path.c_str());
+  SqliteDB db(path, 0, "bench");
+  db.Exec(kEntrySchema);
+  SqliteStatement insert(db, kEntryInsert);
+  for (auto _ : state) {
+    state.PauseTiming();  // emptying the table is not what is measured
+    db.Exec("DELETE FROM entry");
+    state.ResumeTiming();
+    SqliteTransaction transaction(db);
+    bool ok = transaction.Begin();
+    int64_t i = 0;
+    for (const std::string& entry : EntryPaths()) {
+      ok = ok && insert.Bind(1, entry) && insert.Bind(2, int64_t{5000000000} + i) &&
+           insert.Bind(3, int64_t{1700000000} + i) && insert.BindBlob(4, kHash, sizeof kHash) &&
+           insert.Exec();
+      ++i;
+    }
+    if (!ok || !transaction.Commit()) state.SkipWithError("insert failed");
+  }
+}
+
+void StatementInsertBaseline(benchmark::State& state) {
+  const std::string path = ScratchDir() + "/statement_baseline.db";
+  std::remove(path.c_str());
+  sqlite3* db = nullptr;
+  sqlite3_open(path.c_str(), &db);
+  sqlite3_busy_timeout(db, 1000);
+  sqlite3_exec(db, kEntrySchema, nullptr, nullptr, nullptr);
+  sqlite3_stmt* stmt = nullptr;
+  sqlite3_prepare_v2(db, kEntryInsert, -1, &stmt, nullptr);
+  for (auto _ : state) {
+    state.PauseTiming();
+    sqlite3_exec(db, "DELETE FROM entry", nullptr, nullptr, nullptr);
+    state.ResumeTiming();
+    bool ok = sqlite3_exec(db, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr) == SQLITE_OK;
+    int64_t i = 0;
+    for (const std::string& entry : EntryPaths()) {
+      sqlite3_bind_text(stmt, 1, entry.data(), static_cast<int>(entry.size()), SQLITE_STATIC);
+      sqlite3_bind_int64(stmt, 2, 5000000000 + i);
+      sqlite3_bind_int64(stmt, 3, 1700000000 + i);
+      sqlite3_bind_blob(stmt, 4, kHash, sizeof kHash, SQLITE_STATIC);
+      ok = ok && sqlite3_step(stmt) == SQLITE_DONE;
+      sqlite3_reset(stmt);
+      ++i;
+    }
+    ok = ok && sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr) == SQLITE_OK;
+    if (!ok) state.SkipWithError("insert failed");
+  }
+  sqlite3_finalize(stmt);
+  sqlite3_close(db);
+}
+
+// ---- select_stream -----------------------------------------------------------
+
+const int kStreamRows = 100000;
+
+const std::string& StreamDatabase() {
+  static const std::string path = [] {
+    std::string p = ScratchDir() + "/stream.db";
+    sqlite3* db = nullptr;
+    sqlite3_open(p.c_str(), &db);
+    sqlite3_exec(db,
+                 "CREATE TABLE rows (id INTEGER PRIMARY KEY, name TEXT, state INTEGER, "
+                 "owner TEXT, size INTEGER, target TEXT);"
+                 "WITH RECURSIVE n(i) AS (SELECT 0 UNION ALL SELECT i + 1 FROM n WHERE i < 99999) "
+                 "INSERT INTO rows SELECT i, 'name ' || i, i % 5, 'admin', i * 1000, "
+                 "'/volume1/backup/' || i FROM n;",
+                 nullptr, nullptr, nullptr);
+    sqlite3_close(db);
+    return p;
+  }();
+  return path;
+}
+
+void SelectStreamLibrary(benchmark::State& state) {
+  SqliteDB db(StreamDatabase(), 0, "bench");
+  SelectCommand select;
+  select.SetTable(SqliteTableHandler(kRowsTable, "id INTEGER PRIMARY KEY"));
+  select.SelectAll();
+  for (auto _ : state) {
+    int rows = 0;
+    const bool ok = db.ForEachRecord(select, [&rows](const SqliteValueList& record) {
+      benchmark::DoNotOptimize(record);
+      ++rows;
+      return true;
+    });
+    if (!ok || rows != kStreamRows) state.SkipWithError("select");
+  }
+}
+
+// The same records, filled one at a time by hand.
+void SelectStreamBaseline(benchmark::State& state) {
+  sqlite3* db = nullptr;
+  sqlite3_open(StreamDatabase().c_str(), &db);
+  sqlite3_busy_timeout(db, 1000);
+  for (auto _ : state) {
+    int rows = 0;
+    sqlite3_stmt* stmt = nullptr;
+    sqlite3_prepare_v2(db, "SELECT  * FROM rows", -1, &stmt, nullptr);
+    while (sqlite3_step(stmt) == SQLITE_ROW) {
+      SqliteValueList record;
+      const int n = sqlite3_column_count(stmt);
+      for (int i = 0; i < n; ++i) {
+        const char* name = sqlite3_column_name(stmt, i);
+        if (sqlite3_column_type(stmt, i) == SQLITE_INTEGER) {
+          record.AddValue(name, SqliteValue(static_cast<long long>(sqlite3_column_int64(stmt, i))));
+        } else {
+          record.AddValue(name, SqliteValue(std::string(
+                                    reinterpret_cast<const char*>(sqlite3_column_text(stmt, i)))));
+        }
+      }
+      benchmark::DoNotOptimize(record);
+      ++rows;
+    }
+    sqlite3_finalize(stmt);
+    if (rows != kStreamRows) state.SkipWithError("select");
   }
   sqlite3_close(db);
 }
@@ -704,6 +845,8 @@ const Pair kPairs[] = {
     {"insert_record", 1.5, InsertRecordLibrary, InsertRecordBaseline},
     {"select_records", 1.3, SelectRecordsLibrary, SelectRecordsBaseline},
     {"batch_insert", 0.01, BatchInsertLibrary, BatchInsertBaseline},
+    {"statement_insert", 1.2, StatementInsertLibrary, StatementInsertBaseline},
+    {"select_stream", 1.3, SelectStreamLibrary, SelectStreamBaseline},
     {"cache_read", 0.2, CacheReadLibrary, CacheRereadBaseline},
     {"cache_reread", 0, CacheRereadLibrary, CacheRereadBaseline},
     {"file_read", 0, FileReadLibrary, FileReadBaseline},

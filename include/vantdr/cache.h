@@ -8,6 +8,12 @@
 /// unchanged, and coordinates refreshes through a pid file ("<path>.pid")
 /// and a lock file ("<path>.lock" in the lock directory).
 ///
+/// The cache file and its pid file are the library's own files: in a
+/// directory another user can write (the fallback in /tmp, say), a link, a
+/// FIFO or a file owned by neither root nor the effective user at their names
+/// is never read as data, counted as a running updater or written through;
+/// each refusal is one "Refused [path]: ..." WARN line.
+///
 /// The cache file holds one object: "timeout", "info", "cached_data",
 /// "begin_time_to_update", "finish_time_to_update", "updated_time" and
 /// "max_updated_time". Only "cached_data" and "max_updated_time" are read.

@@ -25,6 +25,14 @@ namespace VantDRCore {
 /// another user created (others may read) unless it is in the file's group,
 /// it cannot reopen one it created itself (its owner may not read), and it
 /// cannot create one in a lock directory root made (0755).
+///
+/// The lock directory, and every directory a name with slashes walks
+/// through, is used only when root or the effective user owns it and nobody
+/// else may write it (write bits for others on the user's own are removed,
+/// so a careless umask never opens it); otherwise opening fails with EACCES.
+/// Nothing at a lock name is followed if it is a link, and nothing but a
+/// regular file is used, so a FIFO never blocks. The descriptor is
+/// close-on-exec: a program the holder starts does not keep the lock.
 class VANTDR_API FileLock {
  public:
   /// No lock file set: lock() fails until setLockFile().

@@ -6,9 +6,13 @@
 /// returns partial SQL. A refused setter returns false and leaves the
 /// builder as it was.
 ///
-/// Table names, field names and condition texts are inserted verbatim (no
-/// quoting): never pass untrusted text as any of them. Values are always
-/// escaped through SqliteValue::ToFormatedValue. Columns of INSERT and UPDATE
+/// SQL text, inserted verbatim (no quoting): table names and column
+/// definitions, field names, conditions, order fields and select fields.
+/// Never build any of them from request data or other untrusted text; values
+/// are the safe path, always escaped through SqliteValue::ToFormatedValue.
+/// As a last guard, SqliteDB runs a builder's text (and its table's creation)
+/// only when it is exactly one statement and not ATTACH, DETACH or VACUUM:
+/// anything else is refused with 401 and one ERR line, before any SQL runs. Columns of INSERT and UPDATE
 /// follow the record's order (ascending field name), not the order of adding.
 #pragma once
 
@@ -90,7 +94,9 @@ class VANTDR_API InsertCommand : public SqliteCommand {
   /// true: INSERT OR REPLACE.
   void SetReplacable(bool replacable);
   /// Adds or overwrites one field. T: std::string, bool, int, unsigned int,
-  /// long. Refuses (ERR line) an empty field name.
+  /// long. Refuses (ERR line) an empty field name. A `long` outside the
+  /// 32-bit ranges (a file size past 4 GiB on amd64) is accepted yet formats
+  /// to "", and the statement fails to run: bind it with SqliteStatement.
   template <typename T>
   bool AddFieldValue(const std::string& field, const T& value) {
     static_assert(IsOneOf<T, std::string, bool, int, unsigned int, long>,
@@ -176,7 +182,9 @@ class VANTDR_API SelectCommand : public SqliteCommand {
   void SelectAll();
   /// Appends a field (duplicates kept) and cancels SelectAll. Refuses "".
   bool AddField(const std::string& field);
-  /// Appends an ordering field. Refuses "". Without any, no ORDER BY.
+  /// Appends an ordering field. Refuses "". Without any, no ORDER BY. The
+  /// direction is written once, after the last field: "ORDER BY a,b DESC"
+  /// sorts `a` ascending (SQLite's default) and only `b` descending.
   bool AddOrderField(const std::string& field);
   /// Orders ascending (the default is DESC).
   void SetOrderByASC();

@@ -3,7 +3,9 @@
 ///
 /// Each object holds one finished condition text, which UpdateCommand,
 /// SelectCommand and DeleteCommand copy through SetCondition. Right-hand
-/// values are rendered by SqliteValue::ToFormatedValue (quoted and escaped);
+/// values are rendered by SqliteValue::ToFormatedValue (quoted and escaped;
+/// a 64-bit integer outside the 32-bit ranges renders as "", giving
+/// "size=": compare such values with a bound SqliteStatement parameter);
 /// field names and the texts given to SqliteCondition, SqliteAnd, SqliteOr
 /// and the string form of the IN family are inserted verbatim: never build
 /// them from untrusted input.

@@ -20,6 +20,7 @@ struct sqlite3_stmt;
 
 namespace VantDRCore {
 
+class SqliteStatement;
 class SqliteTransaction;
 
 /// Every operation reports through its bool result and the error record
@@ -33,7 +34,15 @@ class SqliteTransaction;
 ///
 /// Rows come back with INTEGER and TEXT columns only: NULL, REAL and BLOB
 /// columns are left out of the record (with a WARN line). TEXT ends at its
-/// first NUL byte, so any record read can be written back.
+/// first NUL byte, so any record read can be written back. SqliteStatement
+/// binds and reads every type.
+///
+/// A missing database file is created by Open, Exec, SelectByCommand,
+/// CreateTable, GetCount, IsTableExisted, InsertRecord, UpdateRecord, a
+/// non-empty batch, SqliteTransaction::Begin and a SqliteStatement's first
+/// use. SelectRecord(s) and ForEachRecord refuse
+/// it (false, error record untouched); DeleteRecord(s) succeed without
+/// creating it.
 class VANTDR_API SqliteDB : public ErrRecorder {
  public:
   /// Opens nothing: the file is opened (and created) by the first operation
@@ -59,8 +68,9 @@ class VANTDR_API SqliteDB : public ErrRecorder {
   /// this first.
   bool IsExisted() const;
 
-  /// Runs statements that return no rows. Gives up after the first failure
-  /// that is neither SQLITE_BUSY nor SQLITE_LOCKED.
+  /// Runs statements that return no rows, as many as `sql` holds: it is the
+  /// caller's own SQL text. Gives up after the first failure that is neither
+  /// SQLITE_BUSY nor SQLITE_LOCKED.
   bool Exec(const std::string& sql);
 
   /// Replaces `record` with the first row; a query without rows succeeds and
@@ -78,11 +88,16 @@ class VANTDR_API SqliteDB : public ErrRecorder {
   /// A failed look-up counts as missing.
   bool IsTableExisted(const std::string& tableName);
   /// Creates the table from its column definitions unless it exists. A handler
-  /// without column definitions needs no table: true, nothing sent.
+  /// without column definitions needs no table: true, nothing sent. A name or
+  /// definitions that make more than one statement are refused (401).
   bool CreateTable(const SqliteTableHandler& table);
 
   /// Runs a valid builder after creating its table if missing. GetCommand()
-  /// is asked twice: for the INFO line, then for the text that runs.
+  /// is asked twice: for the INFO line, then for the text that runs. Writes
+  /// two INFO lines on success ("<tag> Exec cmd: <sql>", "<tag> Exec cmd
+  /// success"), one on failure. Like every record operation and batch, it
+  /// refuses (401, one ERR line, nothing run) a text, or table creation, that
+  /// is not exactly one statement, or is ATTACH, DETACH or VACUUM.
   bool Exec(const SqliteCommand& command);
   /// Exec(command) for an INSERT.
   bool InsertRecord(const InsertCommand& command);
@@ -235,6 +250,11 @@ class VANTDR_API SqliteDB : public ErrRecorder {
   unsigned int retryLimit_;
   std::string logTag_;
 
+  // Refuses (401, one ERR line) text that is not exactly one statement, or
+  // is ATTACH, DETACH or VACUUM; with a table, its creation text first.
+  bool RefuseUnlessSingle(const std::string& sql);
+  bool RefuseUnlessSingle(const std::string& sql, const SqliteTableHandler& table);
+
   // The count query `sql` read into `count`. (Named like the public forms:
   // log lines carry the function name.)
   bool GetCount(const std::string& sql, int& count);
@@ -245,6 +265,46 @@ class VANTDR_API SqliteDB : public ErrRecorder {
   friend class SqliteTransaction;
   // The guard whose transaction is open on this object, if any.
   SqliteTransaction* transaction_ = nullptr;
+
+  // --- statements, streamed rows and change counts -------------------------
+  // (sqlite_statement.cpp, sqlite_stream.cpp)
+
+ public:
+  /// SelectRecords one record at a time, in constant memory: the same
+  /// statement, records, failures, error record and log lines. `onRecord`
+  /// returning false stops early (a success). Contention before the first
+  /// record is retried; once one has been handed out a failure ends the call
+  /// (405 for contention), so no record is handed out twice. Records come as
+  /// SelectRecords gives them: INTEGER and TEXT columns only; SqliteStatement
+  /// reads every type.
+  bool ForEachRecord(const SelectCommand& command,
+                     const std::function<bool(const SqliteValueList&)>& onRecord);
+
+  /// Rows changed by the last INSERT, UPDATE or DELETE run through this
+  /// object (a builder, Exec(sql), a SqliteStatement; for InsertRecords and
+  /// UpdateRecords the batch's total). 0 when the connection is closed.
+  int64_t GetChanges() const;
+
+ private:
+  friend class SqliteStatement;
+  // After a failed attempt: converts the raw SQLite error in the record and
+  // decides (pausing first) whether another attempt is allowed.
+  bool PrepareRetry(unsigned int& retries) const;
+  // A streamed record reached the caller: the failing attempt is not retried.
+  bool streamed_ = false;
+  // Statements prepared on this connection, finalized when it closes.
+  std::vector<SqliteStatement*> statements_;
+  // The last batch's total while no write ran after it (-1: none); the
+  // connection's counters as the batch left them tell that nothing did.
+  int64_t batchChanges_ = -1;
+  int64_t batchTotal_ = 0;
+  int64_t batchLast_ = 0;
+  void NoteBatchChanges(int64_t changes);
+  // SelectRecords up to the query, which `select` runs. (Named like it: log
+  // lines carry the function name.)
+  bool SelectRecords(const SelectCommand& command,
+                     const std::function<bool(const std::string& sql)>& select);
+  void FinalizeStatements();
 };
 
 }  // namespace VantDRCore

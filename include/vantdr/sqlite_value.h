@@ -75,8 +75,9 @@ class VANTDR_API SqliteValue {
   /// The SQL literal: 'text' with every apostrophe doubled (nothing else is
   /// escaped), 1/0 for booleans, decimal digits for integers within the
   /// signed or unsigned 32-bit range. Everything else, including a null
-  /// payload and a 64-bit integer outside both ranges, gives "". Never
-  /// produces NULL.
+  /// payload and a 64-bit integer outside both ranges, gives "" (so the
+  /// builders and conditions write "VALUES (1,)" or "size="): 64-bit values,
+  /// REAL, BLOB and NULL go through SqliteStatement. Never produces NULL.
   std::string ToFormatedValue() const;
 
   /// Appends exactly the text of ToFormatedValue() to `out`, without a

@@ -9,12 +9,16 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "foundation/durable_write.h"
+#include "fileio/durable_write.h"
+#include "fileio/own_files.h"
 #include "vantcore/vlibc.h"
 
 int VLIBCReadPidFile(const char* path) {
   if (path == NULL || *path == '\0') return 0;
-  int fd = open(path, O_RDONLY | O_CLOEXEC);
+  /* Never through a link, never blocked by a FIFO, and in a directory other
+   * users can write, only a file of root or of the effective user counts:
+   * anyone could plant "1" there and stop every refresh. */
+  int fd = VantDROpenOwnFile(path, O_RDONLY | O_NOFOLLOW, 0, NULL);
   if (fd < 0) return 0;
   char buf[32];
   ssize_t n;

@@ -1,6 +1,7 @@
 #include "vantdr/cache.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <string.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -12,6 +13,9 @@
 #include <ctime>
 
 #include "file/lock_files.h"
+#include "fileio/durable_write.h"
+#include "fileio/own_files.h"
+#include "foundation/json_file.h"
 #include "foundation/no_throw.h"
 #include "vantcore/vlibc.h"
 #include "vantdr/file.h"
@@ -43,9 +47,24 @@ struct UpdatePaths {
   std::string lock;
 };
 
+// The cache's files are opened as the library opens its own files (no link
+// or file of another user in a shared directory, no FIFO): a refusal is one
+// line, and the file then counts as missing.
+int OpenOwn(const std::string& path, int flags, bool logRefusal) {
+  VantDROwnRefusal refusal = VANTDR_OWN_ACCEPTED;
+  const int fd = VantDROpenOwnFile(path.c_str(), flags, 0, &refusal);
+  if (fd < 0 && refusal != VANTDR_OWN_ACCEPTED && logRefusal) {
+    VLOG_WARN("Refused [%s]: %s", path.c_str(), VantDROwnRefusalText(refusal));
+  }
+  return fd;
+}
+
 // A pid file naming a dead process (or a zombie) counts as absent, so a
-// crashed updater never blocks the cache.
+// crashed updater never blocks the cache; so does one the platform refuses.
 bool SomeoneUpdating(const std::string& pidPath) {
+  const int checked = OpenOwn(pidPath, O_RDONLY | O_NOFOLLOW, true);
+  if (checked < 0) return false;
+  close(checked);
   const int pid = VLIBCReadPidFile(pidPath.c_str());
   return pid > 0 && VLIBCProcAlive(pid) == 1;
 }
@@ -174,7 +193,8 @@ bool Cache::IsTimeout(int64_t modified) const {
 
 int Cache::GetMaxUpdateTime() const try {
   Json::Value doc;
-  if (!JsonFromFile(doc, cachePath_) || !doc.isObject()) return 0;
+  // Silent: the write that follows reports a refused file.
+  if (!JsonFromDescriptor(doc, OpenOwn(cachePath_, O_RDONLY, false)) || !doc.isObject()) return 0;
   const Json::Value& max = doc["max_updated_time"];
   return max.isInt() ? max.asInt() : 0;
 }
@@ -187,7 +207,7 @@ bool Cache::Load() const try {
   }
   const int64_t modified = ModifiedTime();
   Json::Value doc;
-  if (!JsonFromFile(doc, cachePath_)) {
+  if (!JsonFromDescriptor(doc, OpenOwn(cachePath_, O_RDONLY, true))) {
     VLOG_DEBUG("Failed to read data from cache [%s]", cachePath_.c_str());
     return false;
   }
@@ -255,13 +275,19 @@ bool Cache::Store(const Json::Value& data, int64_t begin, int64_t finish) const 
   doc["updated_time"] = updatedTime;
   doc["max_updated_time"] = std::max(static_cast<int>(clamped), GetMaxUpdateTime());
 
+  const std::string text = JsonToString(doc) + "\n";
   for (long long attempt = 0;; ++attempt) {
-    bool written = false;
-    {
+    DurableWriteStep step = DurableWriteStep::kOpen;
+    if (text.size() > 1) {  // else too deep to read back: JsonToString said so
       VANTDR_PRIVILEGED_SECTION(section);
-      written = JsonToFile(doc, cachePath_);
+      step = WriteFileDurably(cachePath_, text, VANTDR_WRITE_OWN_FILE);
     }
-    if (written) {
+    // Nothing planted at the name is written through; retried like any
+    // failed write, refused in one line.
+    if (step == DurableWriteStep::kRefused && attempt == 0) {
+      VLOG_WARN("Refused [%s]: a link, special file or file of another user", cachePath_.c_str());
+    }
+    if (step == DurableWriteStep::kDone) {
       data_ = data;
       loadedModifiedTime_ = ModifiedTime();
       return true;

@@ -1,14 +1,16 @@
 #include "vantdr/file.h"
 
+#include <fcntl.h>
 #include <stdio.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <fstream>
+#include <ext/stdio_filebuf.h>
+#include <istream>
 #include <memory>
 #include <sstream>
 
-#include "foundation/durable_write.h"
+#include "fileio/durable_write.h"
 #include "foundation/no_throw.h"
 #include "vantcore/vlibc.h"
 #include "vantdr/json_text.h"
@@ -16,9 +18,29 @@
 #include "vantdr/privileged_section.h"
 
 namespace VantDRCore {
+namespace {
+
+// A text input stream like std::ifstream, but on a close-on-exec descriptor:
+// a program the caller starts meanwhile must not inherit the file.
+class InputFile {
+ public:
+  explicit InputFile(const std::string& path)
+      : fd_(open(path.c_str(), O_RDONLY | O_CLOEXEC)), buf_(fd_, std::ios::in), in_(&buf_) {
+    if (fd_ >= 0 && !buf_.is_open()) close(fd_);  // the buffer owns it only once open
+  }
+  bool is_open() const { return buf_.is_open(); }
+  std::istream& stream() { return in_; }
+
+ private:
+  int fd_;
+  __gnu_cxx::stdio_filebuf<char> buf_;
+  std::istream in_;
+};
+
+}  // namespace
 
 bool File::Read(const std::string& path, Json::Value& value) try {
-  std::ifstream in(path);
+  InputFile in(path);
   if (path.empty()) {
     VLOG_ERR("Invalid path");
     return false;
@@ -34,7 +56,7 @@ bool File::Read(const std::string& path, Json::Value& value) try {
   // Line ends are dropped: JSON needs none between tokens.
   std::string text;
   std::string line;
-  while (std::getline(in, line)) text += line;
+  while (std::getline(in.stream(), line)) text += line;
   return JsonFromString(value, text);
 }
 VANTDR_CATCH_ALL(false)
@@ -52,6 +74,7 @@ bool File::Write(const std::string& path, const Json::Value& value) try {
     case DurableWriteStep::kDone:
       return true;
     case DurableWriteStep::kOpen:
+    case DurableWriteStep::kRefused:  // only asked for by the cache
       VLOG_ERR("Failed to open file [%s]", path.c_str());
       break;
     case DurableWriteStep::kWrite:
@@ -177,7 +200,7 @@ VANTDR_CATCH_ALL(false)
 
 template <typename K, typename V>
 int File::Read(const std::string& path, std::map<K, V>& map, CheckedType) try {
-  std::ifstream in(path);
+  InputFile in(path);
   if (path.empty()) {
     VLOG_ERR("Invalid path");
     return -1;
@@ -189,7 +212,7 @@ int File::Read(const std::string& path, std::map<K, V>& map, CheckedType) try {
   }
   map.clear();
   std::string line;
-  while (std::getline(in, line)) {
+  while (std::getline(in.stream(), line)) {
     K key{};
     V value{};
     if (!parseLineKeyValue(line, "=", key, value)) {

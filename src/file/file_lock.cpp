@@ -2,15 +2,19 @@
 
 #include <fcntl.h>
 #include <pthread.h>
+#include <stdio.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdint>
 #include <mutex>
+#include <utility>
 #include <vector>
 
 #include "file/lock_files.h"
+#include "fileio/own_files.h"
 #include "foundation/no_throw.h"
 #include "vantdr/file.h"
 #include "vantdr/log.h"
@@ -43,6 +47,60 @@ struct OpenLockFiles {
     return *files;
   }
 };
+
+// A lock directory is trusted only when root or the effective user owns it
+// and nobody else can write it: anyone who can create names there can plant
+// links and FIFOs at lock names, or unlink a held lock file and hand the
+// same lock to a second holder. Write bits for others on a directory of the
+// effective user are removed (mkdir -p gives missing parents the umask's
+// mode); anything else is refused with EACCES.
+bool TrustLockDir(int dirFd) {
+  struct stat st;
+  if (fstat(dirFd, &st) != 0) return false;
+  if (!VantDRSharedDir(&st)) return true;
+  char self[32];
+  snprintf(self, sizeof self, "/proc/self/fd/%d", dirFd);
+  if (st.st_uid == geteuid() && chmod(self, st.st_mode & 07755) == 0) return true;
+  errno = EACCES;
+  return false;
+}
+
+// Opens the lock file at `path` (kLockDir + "/" + name), walking the
+// directories of the name one descriptor at a time, never through a link.
+int OpenLockFile(const std::string& path) {
+  int dir = open(kLockDir, O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+  std::string rest = path.substr(sizeof kLockDir);
+  for (size_t start = 0; dir >= 0;) {
+    if (!TrustLockDir(dir)) break;
+    const size_t slash = rest.find('/', start);
+    const std::string part = rest.substr(start, slash == std::string::npos ? slash : slash - start);
+    if (slash == std::string::npos) {
+      int fd = VantDROpenOwnFileAt(dir, part.c_str(), O_RDONLY | O_CREAT | O_NOFOLLOW,
+                                   kLockFileMode, nullptr);
+      const int saved = errno;
+      close(dir);
+      // The lowest free descriptor, as a plain open would have given.
+      int low = fd >= 0 ? fcntl(fd, F_DUPFD_CLOEXEC, 0) : -1;
+      if (low >= 0 && low < fd) std::swap(fd, low);
+      if (low >= 0) close(low);
+      errno = saved;
+      return fd;
+    }
+    start = slash + 1;
+    if (part.empty()) continue;  // "a//b", like the kernel
+    const int next = openat(dir, part.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    const int saved = errno;
+    close(dir);
+    errno = saved;
+    dir = next;
+  }
+  if (dir >= 0) {
+    const int saved = errno;
+    close(dir);
+    errno = saved;
+  }
+  return -1;
+}
 
 void Remember(int fd) {
   OpenLockFiles& files = OpenLockFiles::Get();
@@ -127,7 +185,10 @@ bool FileLock::openLockedFile() try {
   }
   if (File::IsRegularFile(fd_)) return true;
   if (fd_ >= 0) CloseLockFile(fd_);
-  fd_ = open(path_.c_str(), O_RDONLY | O_CREAT, kLockFileMode);
+  // The file's flags in effect: O_RDONLY | O_CREAT with mode 644, plus
+  // close-on-exec (a program started by the holder must not keep the lock),
+  // no link, no FIFO, only in a directory nobody else can write.
+  fd_ = OpenLockFile(path_);
   if (fd_ < 0) {
     VLOG_ERR("Failed to open lock file[%s], errno=%m", path_.c_str());
     fd_ = -1;

@@ -13,7 +13,8 @@
 #include <cmath>
 #include <cstdint>
 
-#include "foundation/durable_write.h"
+#include "fileio/durable_write.h"
+#include "foundation/json_file.h"
 #include "foundation/no_throw.h"
 #include "vantdr/log.h"
 
@@ -535,24 +536,19 @@ std::string JsonToString(const Json::Value& value) try {
 }
 VANTDR_CATCH_ALL(std::string())
 
-bool JsonFromFile(Json::Value& out, const std::string& path) try {
+bool JsonFromDescriptor(Json::Value& out, int fd) try {
   out = Json::Value();
-  // Plain reads: iostreams throw on some read errors (a directory, EIO).
-  int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) return false;
   struct Closer {
     int fd;
     ~Closer() { close(fd); }
-  } closer{fd};
+  } closer{fd};  // the one close, whatever happens below
   std::string text;
   struct stat st;
   // More than a string holds (possible with a 32-bit size_t) is refused, not
   // truncated into a wrong reservation.
   const bool sized = fstat(fd, &st) == 0 && st.st_size > 0;
-  if (sized && static_cast<uint64_t>(st.st_size) > text.max_size()) {
-    close(fd);
-    return false;
-  }
+  if (sized && static_cast<uint64_t>(st.st_size) > text.max_size()) return false;
   if (sized) text.reserve(static_cast<size_t>(st.st_size));
   char buffer[65536];
   ssize_t n;
@@ -564,6 +560,13 @@ bool JsonFromFile(Json::Value& out, const std::string& path) try {
     text.append(buffer, static_cast<size_t>(n));
   }
   return JsonFromString(out, text);
+}
+VANTDR_CATCH_ALL(false)
+
+bool JsonFromFile(Json::Value& out, const std::string& path) try {
+  out = Json::Value();
+  // Plain reads: iostreams throw on some read errors (a directory, EIO).
+  return JsonFromDescriptor(out, open(path.c_str(), O_RDONLY | O_CLOEXEC));
 }
 VANTDR_CATCH_ALL(false)
 

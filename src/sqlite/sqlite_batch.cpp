@@ -258,6 +258,9 @@ bool SqliteDB::Batch::ExecBatch(SqliteDB& db, const std::vector<Item>& items) {
       VLOG_ERR("Invalid command [%zu] of batch [%s]", i, items[i].command->ToStr().c_str());
       return false;
     }
+    if (db.RefuseUnlessSingle(items[i].command->GetCommand(), items[i].command->GetTable())) {
+      return false;
+    }
   }
   // Nothing to write: the file is not even created.
   const bool empty = items.empty();
@@ -270,7 +273,10 @@ bool SqliteDB::Batch::ExecBatch(SqliteDB& db, const std::vector<Item>& items) {
   unsigned int retries = 0;
   for (;;) {
     std::string failed;
+    // Counted per attempt: the changes of a rolled-back one are no result.
+    const int64_t before = empty ? 0 : sqlite3_total_changes64(db.handle_);
     if (empty || Attempt(db, nested, items, failed)) {
+      db.NoteBatchChanges(empty ? 0 : sqlite3_total_changes64(db.handle_) - before);
       db.SetErr(0);
       if (retries > 0) {
         VLOG_INFO("%s After retry [%u] times, success to exec batch of %zu commands",

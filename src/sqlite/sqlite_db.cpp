@@ -3,8 +3,11 @@
 #include <sqlite3.h>
 
 #include <algorithm>
+#include <cstring>
 #include <utility>
 
+#include "sqlite/sqlite_rows.h"
+#include "sqlite/statement_text.h"
 #include "vantcore/vlibc.h"
 #include "vantdr/json_text.h"
 #include "vantdr/log.h"
@@ -18,6 +21,8 @@ const int kBusyTimeoutMSec = 1000;
 const size_t kPreparedQueries = 16;
 const unsigned kRetryPauseMinMSec = 1000;
 const unsigned kRetryPauseMaxMSec = 2000;
+
+}  // namespace
 
 // Fills the empty `record` from the row `stmt` stands on.
 void ParseRecord(sqlite3_stmt* stmt, SqliteValueList& record) {
@@ -53,22 +58,22 @@ void ParseRecord(sqlite3_stmt* stmt, SqliteValueList& record) {
   }
 }
 
+namespace {
+
 bool IsBusyOrLocked(int sqliteCode) {
   return sqliteCode == SQLITE_BUSY || sqliteCode == SQLITE_LOCKED;
 }
 
-// After a failed attempt: converts the raw SQLite error in `db`, and decides
-// (pausing first) whether another attempt is allowed.
-bool PrepareRetry(const SqliteDB& db, unsigned int retryLimit, unsigned int& retries) {
-  const ErrRecorder raw(db);
-  db.SetDBErr(raw);
-  if (!IsBusyOrLocked(raw.GetErrCode())) return false;
-  if (++retries > retryLimit) return false;
+}  // namespace
+
+bool SqliteDB::PrepareRetry(unsigned int& retries) const {
+  const ErrRecorder raw(*this);
+  SetDBErr(raw);
+  if (!IsBusyOrLocked(raw.GetErrCode()) || streamed_) return false;
+  if (++retries > retryLimit_) return false;
   RandomSleepInMSec(kRetryPauseMinMSec, kRetryPauseMaxMSec);
   return true;
 }
-
-}  // namespace
 
 SqliteDB::SqliteDB(const std::string& path, unsigned int retryLimit, const std::string& logTag)
     : path_(path), retryLimit_(retryLimit), logTag_(logTag) {}
@@ -94,6 +99,7 @@ bool SqliteDB::Open() {
 void SqliteDB::Close() {
   if (handle_ == nullptr) return;
   FinalizeQueries();  // sqlite3_close refuses a connection with live statements
+  FinalizeStatements();
   sqlite3_close(handle_);
   handle_ = nullptr;
   schemaChanged_ = false;
@@ -180,7 +186,7 @@ void SqliteDB::FinalizeQueries() {
 // runs; the flag is read at the next lookup, after it ran. SQLite itself
 // re-prepares a reused statement when a schema it reads changes (here or in
 // another connection) and after a rollback that undid a schema change.
-int SqliteDB::Authorize(void* self, int action, const char*, const char*, const char*,
+int SqliteDB::Authorize(void* self, int action, const char* arg1, const char*, const char*,
                         const char*) {
   SqliteDB& db = *static_cast<SqliteDB*>(self);
   switch (action) {
@@ -213,6 +219,12 @@ int SqliteDB::Authorize(void* self, int action, const char*, const char*, const 
     case SQLITE_ANALYZE:
     case SQLITE_PRAGMA:
       db.schemaChanged_ = true;
+      break;
+    // A write after a batch: GetChanges reports it, not the batch.
+    case SQLITE_INSERT:
+    case SQLITE_UPDATE:
+    case SQLITE_DELETE:
+      if (arg1 != nullptr && std::strncmp(arg1, "sqlite_", 7) != 0) db.batchChanges_ = -1;
       break;
     default:
       break;
@@ -283,7 +295,7 @@ bool SqliteDB::Exec(const std::string& sql) {
       }
       return true;
     }
-  } while (PrepareRetry(*this, retryLimit_, retries));
+  } while (PrepareRetry(retries));
   VLOG_ERR("Reach retry limit [%u], failed to exec command [%s] with err [%s]", retries,
            sql.c_str(), JsonToString(GetErr()).c_str());
   return false;
@@ -325,7 +337,7 @@ bool SqliteDB::SelectByCommand(const std::string& sql, bool oneRow,
       }
       return true;
     }
-  } while (PrepareRetry(*this, retryLimit_, retries));
+  } while (PrepareRetry(retries));
   if (oneRow) {
     VLOG_ERR("Reach retry limit [%u], failed to select command[%s] with err [%s]", retries,
              sql.c_str(), JsonToString(GetErr()).c_str());
@@ -373,12 +385,30 @@ bool SqliteDB::CreateTable(const SqliteTableHandler& table) {
   }
   if (IsTableExisted(name)) return true;
   const std::string sql = "CREATE TABLE IF NOT EXISTS " + name + " (" + columns + ")";
+  if (RefuseUnlessSingle(sql)) return false;
   if (Exec(sql)) return true;
   VLOG_ERR("Failed to create table [%s] with cmd[%s]", name.c_str(), sql.c_str());
   return false;
 }
 
 // --- records ---------------------------------------------------------------------
+
+bool SqliteDB::RefuseUnlessSingle(const std::string& sql) {
+  if (IsSingleStatement(sql)) return false;
+  SetErr(ERR::BAD_PARAMETER);
+  VLOG_ERR("Refused [%s]: not one statement, or ATTACH, DETACH or VACUUM", sql.c_str());
+  return true;
+}
+
+bool SqliteDB::RefuseUnlessSingle(const std::string& sql, const SqliteTableHandler& table) {
+  // The table's creation runs first, so its text is checked first too.
+  const std::string& columns = table.GetColumnDefinitions();
+  if (!columns.empty() &&
+      RefuseUnlessSingle("CREATE TABLE IF NOT EXISTS " + table.GetName() + " (" + columns + ")")) {
+    return true;
+  }
+  return RefuseUnlessSingle(sql);
+}
 
 bool SqliteDB::Exec(const SqliteCommand& command) {
   SetErr(ERR::ERR_UNKNOWN);
@@ -389,13 +419,14 @@ bool SqliteDB::Exec(const SqliteCommand& command) {
     SetErr(ERR::BAD_PARAMETER);
     return false;
   }
+  // Asked again for the run: a caller's builder may answer differently.
+  const std::string sql = command.GetCommand();
+  if (RefuseUnlessSingle(sql, command.GetTable())) return false;
   SetErr(ERR::ERR_DATABASE_OPERATION);
   if (!CreateTable(command.GetTable())) {
     VLOG_ERR("Failed to create table [%s]", command.GetTable().GetName().c_str());
     return false;
   }
-  // Asked again for the run: a caller's builder may answer differently.
-  const std::string sql = command.GetCommand();
   if (!Exec(sql)) {
     VLOG_ERR("Failed to exec [%s] in db[%s]", sql.c_str(), path_.c_str());
     return false;
@@ -443,31 +474,22 @@ bool SqliteDB::SelectRecord(const SelectCommand& command, SqliteValueList& recor
     return false;
   }
   if (!IsExisted()) return false;
+  const std::string sql = command.GetCommand();
+  if (RefuseUnlessSingle(sql, command.GetTable())) return false;
   SetErr(ERR::ERR_DATABASE_OPERATION);
   if (!CreateTable(command.GetTable())) {
     VLOG_ERR("Failed to create table");
     return false;
   }
-  if (!SelectByCommand(command.GetCommand(), record)) return false;
+  if (!SelectByCommand(sql, record)) return false;
   SetErr(0);
   return true;
 }
 
 bool SqliteDB::SelectRecords(const SelectCommand& command, std::vector<SqliteValueList>& records) {
-  if (!command.IsValid()) {
-    SetErr(ERR::BAD_PARAMETER);
-    VLOG_ERR("invalid select command [%s]", command.ToStr().c_str());
-    return false;
-  }
-  if (!IsExisted()) return false;
-  SetErr(ERR::ERR_DATABASE_OPERATION);
-  if (!CreateTable(command.GetTable())) {
-    VLOG_ERR("Failed to create table");
-    return false;
-  }
-  if (!SelectByCommand(command.GetCommand(), records)) return false;
-  SetErr(0);
-  return true;
+  // Shared with ForEachRecord (sqlite_stream.cpp), which must fail alike.
+  return SelectRecords(command,
+                       [&](const std::string& sql) { return SelectByCommand(sql, records); });
 }
 
 }  // namespace VantDRCore

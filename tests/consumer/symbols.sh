@@ -7,7 +7,9 @@ set -euo pipefail
 lib=$1
 readelf -d "$lib" | grep -q 'SONAME.*libvantdrcore\.so\.[0-9]' || { echo "no SONAME"; exit 1; }
 exports=$(nm -D --defined-only --demangle "$lib")
-echo "$exports" | grep -q 'VantDRCore::GetLibraryVersion()' ||
+# Not a pipe: grep -q leaving early would kill echo with SIGPIPE once the
+# list outgrows the pipe's buffer, and pipefail would report the symbol missing.
+grep -q 'VantDRCore::GetLibraryVersion()' <<<"$exports" ||
   { echo "the public interface is not exported"; exit 1; }
 stray=$(echo "$exports" | awk '{ type = $2; $1 = $2 = ""; print type "|" $0 }' |
   grep -v -E '^.\| *.*VantDRCore::' | grep -v -E '^[WVu]\| .*std::' || true)

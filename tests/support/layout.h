@@ -15,6 +15,7 @@
 #include "vantdr/sqlite_command.h"
 #include "vantdr/sqlite_condition.h"
 #include "vantdr/sqlite_db.h"
+#include "vantdr/sqlite_statement.h"
 #include "vantdr/sqlite_value.h"
 
 namespace VantDRTest {
@@ -46,7 +47,8 @@ struct ClassLayout {
         VANTDR_LAYOUT_OF(SqliteAnd), VANTDR_LAYOUT_OF(SqliteOr), VANTDR_LAYOUT_OF(SqliteIn),       \
         VANTDR_LAYOUT_OF(SqliteNotIn), VANTDR_LAYOUT_OF(SqliteIsNull), VANTDR_LAYOUT_OF(SqliteDB), \
         VANTDR_LAYOUT_OF(SqliteValue), VANTDR_LAYOUT_OF(SqliteValueList),                          \
-        VANTDR_LAYOUT_OF(SqliteRecord)                                                             \
+        VANTDR_LAYOUT_OF(SqliteRecord), VANTDR_LAYOUT_OF(SqliteStatement),                         \
+        VANTDR_LAYOUT_OF(SqliteRow)                                                                \
   }
 
 // The layouts seen by a caller built without _FILE_OFFSET_BITS and

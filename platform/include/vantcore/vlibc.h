@@ -42,7 +42,9 @@ char* VLIBCStrTrim(char* str, int reserved1, int reserved2);
 
 /* The process id stored in a pid file as decimal text; 0 when the file is
  * missing, empty or unreadable, -1 when its content is not a positive
- * number that fits a pid. */
+ * number that fits a pid. A link, a FIFO or anything but a regular file at
+ * `path` reads as missing, and so does, in a directory other users can
+ * write, a file owned by neither root nor the effective user. */
 int VLIBCReadPidFile(const char* path);
 
 /* 1 when process `pid` exists and is not a zombie; 0 otherwise, and for any

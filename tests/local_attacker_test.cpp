@@ -1,0 +1,344 @@
+// A local user (uid 65534) against a root service that links the library,
+// each attack on a private /tmp (a tmpfs in a private mount namespace), with
+// the attacker as a forked child. Whatever the fs.protected_* sysctls say,
+// the victim's files keep their owner and content, and every call returns.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <linux/fs.h>
+#include <signal.h>
+#include <spawn.h>
+#include <stdio.h>
+#include <sys/mount.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "support/log_capture.h"
+#include "support/private_tmpfs.h"
+#include "support/process.h"
+#include "support/syscall_filter.h"
+#include "support/temp_dir.h"
+#include "support/test_cache.h"
+#include "vantcore/vlibc.h"
+#include "vantdr/file.h"
+#include "vantdr/file_lock.h"
+#include "vantdr/sqlite_db.h"
+
+using namespace VantDRCore;
+using namespace VantDRTest;
+
+extern "C" char** environ;
+
+namespace {
+
+const uid_t kAttacker = 65534;
+const std::string kSecret = "root only\n";
+
+// In the body (a forked child): fail with `code` unless `cond` holds.
+#define CHECK_OR(code, cond)  \
+  do {                        \
+    if (!(cond)) return code; \
+  } while (0)
+
+// Runs `body` as root on a fresh private /tmp; a hang ends the child.
+void OnPrivateTmp(const std::function<int()>& body) {
+  VANTDR_ON_PRIVATE_TMPFS(code, 1 << 20, [&](const std::string&) {
+    if (mount("tmpfs", "/tmp", "tmpfs", 0, "mode=1777,size=256m") != 0) return 97;
+    alarm(60);
+    return body();
+  });
+  EXPECT_EQ(code, 0);
+}
+
+// Runs `body` as the attacker, every id 65534; true when it returned 0.
+bool AsAttacker(const std::function<int()>& body) {
+  return RunUnprivileged(body, false).exitCode == 0;
+}
+
+// The attacker in the background; it dies with the test's process.
+pid_t StartAttacker(const std::function<int()>& body) {
+  return StartChild([&] {
+    if (setresgid(kAttacker, kAttacker, kAttacker) != 0) return 98;
+    if (setresuid(kAttacker, kAttacker, kAttacker) != 0) return 98;
+    if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0) return 98;  // after the id change, which clears it
+    return body();
+  });
+}
+
+// A root file only root may read: the victim of every attack.
+std::string RootSecret() {
+  mkdir("/tmp/rootdir", 0700);
+  WriteText("/tmp/rootdir/secret", kSecret);
+  chmod("/tmp/rootdir/secret", 0600);
+  return "/tmp/rootdir/secret";
+}
+
+bool Untouched(const std::string& path, const std::string& text = kSecret, uid_t uid = 0) {
+  struct stat st;
+  return lstat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) && st.st_uid == uid &&
+         ReadText(path) == text;
+}
+
+uid_t Owner(const std::string& path) {
+  struct stat st;
+  return lstat(path.c_str(), &st) == 0 ? st.st_uid : static_cast<uid_t>(-1);
+}
+
+}  // namespace
+
+// The exchanging attacker: a link at the cache path into a directory the
+// attacker keeps swapping with a link to a root directory. Neither the cache
+// nor a plain write through that path ever hands the root file over.
+TEST(LocalAttacker, ExchangedDirectoryNeverHandsARootFileOver) {
+  for (const bool attackerDir : {false, true}) {
+    SCOPED_TRACE(attackerDir ? "cache directory of the attacker" : "fallback path");
+    OnPrivateTmp([&] {
+      const std::string secret = RootSecret();
+      CHECK_OR(2, AsAttacker([&] {
+                 if (attackerDir && mkdir("/tmp/cachedir", 0777) != 0) return 1;
+                 if (mkdir("/tmp/swap", 0777) != 0 || symlink("/tmp/rootdir", "/tmp/swaplink") != 0)
+                   return 1;
+                 if (!WriteText("/tmp/swap/secret", "mine")) return 1;
+                 const std::string link =
+                     attackerDir ? "/tmp/cachedir/c.cached" : "/tmp/default_dr_cache";
+                 return symlink("/tmp/swap/secret", link.c_str());
+               }));
+      const pid_t swapper = StartAttacker([] {
+        for (;;) syscall(SYS_renameat2, AT_FDCWD, "/tmp/swap", AT_FDCWD, "/tmp/swaplink", 2);
+        return 0;
+      });
+      TestCache cache(attackerDir ? "/tmp/cachedir" : "", false, -1);
+      LogCapture log;
+      int wrote = 0, failed = 0;
+      for (int i = 0; i < 20000 && !failed; ++i) {
+        if (cache.UpdateWithData(Data(i))) failed = 3;
+        wrote += File::Write(cache.GetCachePath(), Data(i));
+        struct stat st;
+        if (stat(secret.c_str(), &st) != 0 || st.st_uid != 0 || (st.st_mode & 07777) != 0600) {
+          failed = 4;
+        }
+      }
+      kill(swapper, SIGKILL);
+      WaitChild(swapper);
+      CHECK_OR(failed, failed == 0);
+      // A plain write follows the link as fopen would; the cache never does.
+      CHECK_OR(5, wrote > 0 && Owner(secret) == 0);
+      CHECK_OR(6, log.Count("Refused [" + cache.GetCachePath() +
+                            "]: a link, special file or file of another user") == 20000);
+      return 0;
+    });
+  }
+}
+
+// Predictable temporary names no longer block writes, and the clean-up of
+// dead writers' leftovers reads a few entries per write, never a whole
+// directory at once, and never removes another user's file.
+TEST(LocalAttacker, TemporaryNamesCannotBeOccupiedAndCleanUpIsBounded) {
+  OnPrivateTmp([&] {
+    const pid_t victim = StartChild([] {
+      // Named temporaries where the kernel lets a child refuse unnamed ones;
+      // a replacement names even an unnamed one before its rename.
+      RefuseUnnamedTemporaryFiles();
+      kill(getpid(), SIGSTOP);
+      if (!File::Write("/tmp/doc", Data(1)) || !File::Write("/tmp/doc", Data(2))) return 4;
+      return VLIBCProcPidFileCreate("/tmp/x.pid") == 0 && VLIBCReadPidFile("/tmp/x.pid") == getpid()
+                 ? 0
+                 : 5;
+    });
+    int status;
+    waitpid(victim, &status, WUNTRACED);
+    CHECK_OR(2, AsAttacker([&] {
+               // The names of a counter, decimal or as wide as our random part.
+               for (int n = 0; n < 100; ++n) {
+                 char wide[32];
+                 snprintf(wide, sizeof wide, "%016x", n);
+                 for (const std::string& tail : {std::to_string(n), std::string(wide)}) {
+                   const std::string name = "/tmp/.vantdr-tmp." + std::to_string(victim) + ".";
+                   if (!WriteText(name + tail, "x")) return 1;
+                 }
+               }
+               return 0;
+             }));
+    kill(victim, SIGCONT);
+    CHECK_OR(3, WaitChild(victim).exitCode == 0);
+    CHECK_OR(4, Untouched("/tmp/.vantdr-tmp." + std::to_string(victim) + ".7", "x", kAttacker));
+    // 3,000 leftovers of a dead writer of ours: each replacement removes a few.
+    mkdir("/tmp/many", 0755);
+    for (int n = 0; n < 3000; ++n) {
+      char name[64];
+      snprintf(name, sizeof name, "/tmp/many/.vantdr-tmp.%d.%016x", 999999, n);
+      CHECK_OR(5, WriteText(name, ""));
+    }
+    const auto count = [] {
+      int n = 0;
+      for (const auto& entry : std::filesystem::directory_iterator("/tmp/many"))
+        n += !entry.path().empty();
+      return n;
+    };
+    CHECK_OR(6, File::Write("/tmp/many/doc", Data(1)) && File::Write("/tmp/many/doc", Data(2)));
+    const int afterOne = count();
+    CHECK_OR(7, afterOne > 2900 && afterOne < 3001);
+    for (int i = 0; i < 400; ++i) CHECK_OR(8, File::Write("/tmp/many/doc", Data(i)));
+    CHECK_OR(9, count() == 1);
+    return 0;
+  });
+}
+
+// FIFOs, links and other users' files at the cache's own names: nothing is
+// read from them, written through them, or waited for.
+TEST(LocalAttacker, PlantedCacheFilesAreNeitherTrustedNorWrittenThrough) {
+  struct Plant {
+    const char* what;
+    std::function<int()> plant;  // as the attacker
+  };
+  const std::vector<Plant> plants = {
+      {"file",
+       [] { return WriteText("/tmp/default_dr_cache", R"({"cached_data":{"v":666}})") ? 0 : 1; }},
+      {"link to root file", [] { return symlink("/tmp/rootdir/secret", "/tmp/default_dr_cache"); }},
+      {"link to /dev/zero", [] { return symlink("/dev/zero", "/tmp/default_dr_cache"); }},
+      {"fifo", [] { return mkfifo("/tmp/default_dr_cache", 0666); }},
+  };
+  for (const Plant& p : plants) {
+    SCOPED_TRACE(p.what);
+    OnPrivateTmp([&] {
+      const std::string secret = RootSecret();
+      CHECK_OR(2, AsAttacker(p.plant));
+      struct stat before;
+      lstat("/tmp/default_dr_cache", &before);
+      TestCache cache("", false, -1);
+      cache.fallback = Data(0);
+      LogCapture log;
+      CHECK_OR(3, cache.GetCachedData() == Data(0));
+      CHECK_OR(4, !cache.UpdateWithData(Data(1)));
+      CHECK_OR(5, Untouched(secret));
+      struct stat after;
+      CHECK_OR(6, lstat("/tmp/default_dr_cache", &after) == 0 && after.st_ino == before.st_ino &&
+                      after.st_size == before.st_size);
+      CHECK_OR(7, log.Count("Refused [/tmp/default_dr_cache]: a link, special file or file of "
+                            "another user") == 1);
+      return 0;
+    });
+  }
+}
+
+// A pid file planted by the attacker (a FIFO, or "1", init's pid) neither
+// blocks the reader nor counts as a live updater: a reader that needs fresh
+// data gets it.
+TEST(LocalAttacker, PlantedPidFilesNeitherBlockNorStopRefreshes) {
+  for (const bool fifo : {true, false}) {
+    SCOPED_TRACE(fifo ? "fifo" : "pid 1");
+    OnPrivateTmp([&] {
+      CHECK_OR(2, AsAttacker([&] {
+                 return fifo ? mkfifo("/tmp/default_dr_cache.pid", 0666)
+                             : !WriteText("/tmp/default_dr_cache.pid", "1\n");
+               }));
+      CHECK_OR(3, VLIBCReadPidFile("/tmp/default_dr_cache.pid") == 0);
+      // An uncreatable directory: the fallback path, and no fetch counting file.
+      TestCache cache("/proc/vantdr-none", true, 0);
+      LogCapture log;
+      CHECK_OR(4, cache.GetCachePath() == "/tmp/default_dr_cache" && cache.Read() == Data(7));
+      CHECK_OR(5, log.Count("Refused [/tmp/default_dr_cache.pid]: " +
+                            std::string(fifo ? "not a regular file"
+                                             : "a file of another user, or a hard link, in a "
+                                               "shared directory")) >= 1);
+      return 0;
+    });
+  }
+}
+
+// The lock directory must be root's (or the user's) and closed to others;
+// links and FIFOs at lock names are never followed or waited on; a program
+// the holder starts does not inherit the lock.
+TEST(LocalAttacker, LockDirectoryOfAnotherUserIsRefused) {
+  OnPrivateTmp([&] {
+    const std::string secret = RootSecret();
+    CHECK_OR(2, AsAttacker([] {
+               if (mkdir("/tmp/.vantdr_lock", 0777) != 0 || chmod("/tmp/.vantdr_lock", 0777) != 0)
+                 return 1;
+               if (mkfifo("/tmp/.vantdr_lock/fifo", 0666) != 0) return 1;
+               return symlink("/tmp/rootdir/created", "/tmp/.vantdr_lock/link");
+             }));
+    LogCapture log;
+    for (const char* name : {"fifo", "link", "new"}) {
+      FileLock lock(name);
+      CHECK_OR(3, !lock.lock(LOCK_EX | LOCK_NB, 0));
+    }
+    CHECK_OR(4, access("/tmp/rootdir/created", F_OK) != 0 && Untouched(secret));
+    CHECK_OR(5, log.Count("Failed to open lock file[/tmp/.vantdr_lock/new], errno=Permission "
+                          "denied") == 1);
+    // Root's own directory, made under a careless umask: closed to others.
+    CHECK_OR(6, system("rm -rf /tmp/.vantdr_lock") == 0);
+    umask(0);
+    auto deep = std::make_unique<FileLock>("a/b/lock");
+    CHECK_OR(7, deep->lock(LOCK_EX | LOCK_NB, 0));
+    for (const char* dir : {"/tmp/.vantdr_lock", "/tmp/.vantdr_lock/a", "/tmp/.vantdr_lock/a/b"}) {
+      struct stat st;
+      CHECK_OR(8, stat(dir, &st) == 0 && (st.st_mode & 022) == 0);
+    }
+    CHECK_OR(9, (fcntl(deep->getFd(), F_GETFD) & FD_CLOEXEC) != 0);
+    // A program started while the lock is held does not keep it (not under
+    // user-mode emulation, which runs the host's program its own way).
+    if (getenv("VANTDR_EMULATED") != nullptr) return 0;
+    pid_t program;
+    char* const argv[] = {const_cast<char*>("sleep"), const_cast<char*>("5"), nullptr};
+    CHECK_OR(10, posix_spawn(&program, "/bin/sleep", nullptr, nullptr, argv, environ) == 0);
+    deep.reset();
+    CHECK_OR(11, RunInChild([] {
+                   return FileLock("a/b/lock").tryLock(LOCK_EX | LOCK_NB) ? 0 : 1;
+                 }).exitCode == 0);
+    kill(program, SIGKILL);
+    waitpid(program, nullptr, 0);
+    return 0;
+  });
+}
+
+// Names from a request cannot smuggle a second statement into a builder.
+TEST(LocalAttacker, BuilderTextRunsAsExactlyOneStatement) {
+  TempDir dir;
+  SqliteDB db(dir.File("db"), 0, "t");
+  ASSERT_TRUE(db.Exec("CREATE TABLE victim (v INTEGER); INSERT INTO victim VALUES (1);"));
+  const SqliteTableHandler job("job", "id INTEGER, name TEXT");
+  const SqliteTableHandler bad("job (id INTEGER); DROP TABLE victim; --", "id INTEGER");
+  InsertCommand field, table;
+  field.SetTable(job);
+  table.SetTable(bad);
+  field.AddFieldValue("id) VALUES (1); DROP TABLE victim; --", 1);
+  table.AddFieldValue("id", 1);
+  UpdateCommand update;
+  update.SetTable(job);
+  update.AddFieldValue("name", std::string("x"));
+  update.SetCondition("1=1; DELETE FROM victim");
+  SelectCommand select;
+  select.SetTable(job);
+  select.AddField("id FROM job; ATTACH DATABASE 'x' AS y; --");
+  LogCapture log;
+  const std::vector<std::function<bool()>> calls = {
+      [&] { return db.InsertRecord(field); },
+      [&] { return db.InsertRecord(table); },
+      [&] { return db.InsertRecords({field}); },
+      [&] { return db.UpdateRecord(update); },
+      [&] { return db.UpdateRecords({update}); },
+      [&] {
+        std::vector<SqliteValueList> rows;
+        return db.SelectRecords(select, rows);
+      },
+  };
+  for (size_t i = 0; i < calls.size(); ++i) {
+    log.Clear();
+    EXPECT_FALSE(calls[i]()) << i;
+    EXPECT_EQ(db.GetErrCode(), 401) << i;
+    ASSERT_EQ(log.Messages("ERR").size(), 1u) << i;
+    EXPECT_EQ(log.Messages("ERR")[0].rfind("Refused [", 0), 0u) << i;
+  }
+  int count = 0;
+  EXPECT_TRUE(db.GetCount(SqliteTableHandler("victim", ""), count));
+  EXPECT_EQ(count, 1);
+  EXPECT_FALSE(db.IsTableExisted("job"));
+}

@@ -1,0 +1,103 @@
+// Streaming a million rows costs no more memory than the raw step loop.
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <functional>
+#include <string>
+
+#include "support/process.h"
+#include "support/temp_dir.h"
+#include "vantdr/sqlite_statement.h"
+
+using namespace VantDRCore;
+
+namespace {
+
+const long kRows = 1000000;
+
+// The peak resident size (KiB) of a child that runs `body`, which must see
+// every row; -1 when it failed.
+long PeakKiB(const std::function<long()>& body) {
+  int fds[2];
+  if (pipe(fds) != 0) return -1;
+  const auto child = VantDRTest::RunInChild([&] {
+    close(fds[0]);
+    const long rows = body();
+    struct rusage usage = {};
+    getrusage(RUSAGE_SELF, &usage);
+    const long peak = rows == kRows ? usage.ru_maxrss : -1;
+    return write(fds[1], &peak, sizeof peak) == sizeof peak ? 0 : 1;
+  });
+  close(fds[1]);
+  long peak = -1;
+  if (read(fds[0], &peak, sizeof peak) != sizeof peak || child.exitCode != 0) peak = -1;
+  close(fds[0]);
+  return peak;
+}
+
+}  // namespace
+
+TEST(SqliteStreamMemory, MillionRowsWithinSixteenMebibytesOfTheRawLoop) {
+  VantDRTest::TempDir tmp;
+  const std::string path = tmp.File("catalogue.db");
+  {
+    SqliteDB db(path, 0, "t");
+    ASSERT_TRUE(
+        db.Exec("CREATE TABLE entry (id INTEGER PRIMARY KEY, path TEXT, size INTEGER);"
+                "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 1000000) "
+                "INSERT INTO entry SELECT i, '/volume1/f' || i, 5000000000 + i FROM n;"));
+  }
+  const long raw = PeakKiB([&] {
+    sqlite3* db = nullptr;
+    sqlite3_stmt* stmt = nullptr;
+    sqlite3_open(path.c_str(), &db);
+    sqlite3_prepare_v2(db, "SELECT * FROM entry", -1, &stmt, nullptr);
+    long rows = 0;
+    while (sqlite3_step(stmt) == SQLITE_ROW) {
+      SqliteValueList record;
+      record.AddValue("id", SqliteValue(static_cast<long long>(sqlite3_column_int64(stmt, 0))));
+      record.AddValue(
+          "path",
+          SqliteValue(std::string(reinterpret_cast<const char*>(sqlite3_column_text(stmt, 1)))));
+      record.AddValue("size", SqliteValue(static_cast<long long>(sqlite3_column_int64(stmt, 2))));
+      rows += record.Size() == 3 ? 1 : 0;
+    }
+    sqlite3_finalize(stmt);
+    sqlite3_close(db);
+    return rows;
+  });
+  const long records = PeakKiB([&] {
+    SqliteDB db(path, 0, "t");
+    SelectCommand select;
+    select.SetTable(SqliteTableHandler("entry", ""));
+    select.SelectAll();
+    long rows = 0;
+    db.ForEachRecord(select, [&](const SqliteValueList& record) {
+      rows += record.Size() == 3 ? 1 : 0;
+      return true;
+    });
+    return rows;
+  });
+  const long statementRows = PeakKiB([&] {
+    SqliteDB db(path, 0, "t");
+    SqliteStatement select(db, "SELECT * FROM entry");
+    long rows = 0;
+    select.ForEachRow([&](const SqliteRow& row) {
+      rows +=
+          row.GetInt64(0) > 0 && !row.GetText(1).empty() && row.GetInt64(2) > 5000000000 ? 1 : 0;
+      return true;
+    });
+    return rows;
+  });
+  std::printf(
+      "peak resident KiB over %ld rows: raw step loop %ld, ForEachRecord %ld, ForEachRow %ld\n",
+      kRows, raw, records, statementRows);
+  ASSERT_GT(raw, 0);
+  ASSERT_GT(records, 0);
+  ASSERT_GT(statementRows, 0);
+  EXPECT_LE(records - raw, 16 * 1024);
+  EXPECT_LE(statementRows - raw, 16 * 1024);
+}
