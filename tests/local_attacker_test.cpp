@@ -86,9 +86,7 @@ bool Untouched(const std::string& path, const std::string& text = kSecret, uid_t
 
 }  // namespace
 
-// The exchanging attacker: a link at the cache path into a directory the
-// attacker keeps swapping with a link to a root directory. Neither the cache
-// nor a plain write through that path ever hands the root file over.
+// A link at the cache path into a directory swapped with a link to root's, again and again.
 TEST(LocalAttacker, ExchangedDirectoryNeverHandsARootFileOver) {
   for (const bool attackerDir : {false, true}) {
     SCOPED_TRACE(attackerDir ? "cache directory of the attacker" : "fallback path");
@@ -130,14 +128,11 @@ TEST(LocalAttacker, ExchangedDirectoryNeverHandsARootFileOver) {
   }
 }
 
-// Predictable temporary names no longer block writes, and the clean-up of
-// dead writers' leftovers reads a few entries per write, never a whole
-// directory at once, and never removes another user's file.
+// Occupied temporary names block no write; the clean-up reads a few entries per write.
 TEST(LocalAttacker, TemporaryNamesCannotBeOccupiedAndCleanUpIsBounded) {
   OnPrivateTmp([&] {
     const pid_t victim = StartChild([] {
-      // Named temporaries where the kernel lets a child refuse unnamed ones;
-      // a replacement names even an unnamed one before its rename.
+      // Named temporaries where a child can refuse unnamed ones (which get named too).
       RefuseUnnamedTemporaryFiles();
       kill(getpid(), SIGSTOP);
       if (!File::Write("/tmp/doc", Data(1)) || !File::Write("/tmp/doc", Data(2))) return 4;
@@ -178,8 +173,7 @@ TEST(LocalAttacker, TemporaryNamesCannotBeOccupiedAndCleanUpIsBounded) {
   });
 }
 
-// FIFOs, links and other users' files at the cache's own names: nothing is
-// read from them, written through them, or waited for.
+// Files, links and FIFOs at the cache's name: not read, written through, or waited for.
 TEST(LocalAttacker, PlantedCacheFilesAreNeitherTrustedNorWrittenThrough) {
   const char* path = "/tmp/default_dr_cache";
   for (const char* plant : {"file", "/tmp/rootdir/secret", "/dev/zero", "fifo"}) {
@@ -209,9 +203,7 @@ TEST(LocalAttacker, PlantedCacheFilesAreNeitherTrustedNorWrittenThrough) {
   }
 }
 
-// A pid file planted by the attacker (a FIFO, or "1", init's pid) neither
-// blocks the reader nor counts as a live updater: a reader that needs fresh
-// data gets it.
+// A planted pid file (a FIFO, or init's pid) neither blocks nor stops a refresh.
 TEST(LocalAttacker, PlantedPidFilesNeitherBlockNorStopRefreshes) {
   for (const bool fifo : {true, false}) {
     SCOPED_TRACE(fifo ? "fifo" : "pid 1");
@@ -234,9 +226,7 @@ TEST(LocalAttacker, PlantedPidFilesNeitherBlockNorStopRefreshes) {
   }
 }
 
-// The lock directory must be root's (or the user's) and closed to others;
-// links and FIFOs at lock names are never followed or waited on; a program
-// the holder starts does not inherit the lock.
+// Another user's lock directory, links and FIFOs in it are refused; no child inherits a lock.
 TEST(LocalAttacker, LockDirectoryOfAnotherUserIsRefused) {
   OnPrivateTmp([&] {
     const std::string secret = RootSecret();
@@ -264,8 +254,7 @@ TEST(LocalAttacker, LockDirectoryOfAnotherUserIsRefused) {
       CHECK_OR(8, stat(dir, &st) == 0 && (st.st_mode & 022) == 0);
     }
     CHECK_OR(9, (fcntl(deep->getFd(), F_GETFD) & FD_CLOEXEC) != 0);
-    // A program started while the lock is held does not keep it (not under
-    // user-mode emulation, which runs the host's program its own way).
+    // A program started by the holder does not keep it (emulation runs programs its own way).
     if (getenv("VANTDR_EMULATED") != nullptr) return 0;
     pid_t program;
     char* const argv[] = {const_cast<char*>("sleep"), const_cast<char*>("5"), nullptr};
