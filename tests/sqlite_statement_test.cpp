@@ -26,21 +26,14 @@ const SqliteTableHandler kFiles("file", "id INTEGER PRIMARY KEY, path TEXT, size
 
 // "type:value" of column 0, read with the getter that matches its type.
 std::string Shown(const SqliteRow& row) {
-  switch (row.GetType(0)) {
-    case kSqliteInteger:
-      return "i:" + std::to_string(row.GetInt64(0));
-    case kSqliteFloat: {
-      char text[40];
-      std::snprintf(text, sizeof text, "f:%.17g", row.GetDouble(0));
-      return text;
-    }
-    case kSqliteText:
-      return "t:" + row.GetText(0);
-    case kSqliteBlob:
-      return "b:" + std::to_string(row.GetBlob(0).size());
-    default:
-      return row.IsNull(0) ? "null" : "?";
-  }
+  const int type = row.GetType(0);
+  if (type == kSqliteInteger) return "i:" + std::to_string(row.GetInt64(0));
+  if (type == kSqliteText) return "t:" + row.GetText(0);
+  if (type == kSqliteBlob) return "b:" + std::to_string(row.GetBlob(0).size());
+  if (type != kSqliteFloat) return row.IsNull(0) ? "null" : "?";
+  char text[40];
+  std::snprintf(text, sizeof text, "f:%.17g", row.GetDouble(0));
+  return text;
 }
 
 std::vector<std::string> Column0(SqliteStatement& select) {
@@ -184,23 +177,22 @@ TEST(SqliteStatement, StreamsStopEarlyAndForEachRecordMatchesSelectRecords) {
   using Case = std::pair<SelectCommand, bool>;
   for (const auto& [command, ok] : {Case{AllFiles(), true}, Case{bad, false}, Case{{}, false}}) {
     log.Clear();
-    std::vector<SqliteValueList> selected;
-    EXPECT_EQ(db.SelectRecords(command, selected), ok);
-    const std::vector<std::string> selectLines = log.Summary();
+    std::vector<SqliteValueList> rows;
+    EXPECT_EQ(db.SelectRecords(command, rows), ok);
+    const Lines selectLines = log.Summary();
     const Json::Value selectErr = db.GetErr();
+    Lines selected, streamed;
+    for (const SqliteValueList& row : rows) selected.push_back(row.ToStr());
     log.Clear();
-    std::vector<SqliteValueList> streamed;
     EXPECT_EQ(db.ForEachRecord(command,
-                               [&](const SqliteValueList& record) {
-                                 streamed.push_back(record);
+                               [&](const SqliteValueList& row) {
+                                 streamed.push_back(row.ToStr());
                                  return true;
                                }),
               ok);
     EXPECT_EQ(log.Summary(), selectLines);
     EXPECT_EQ(db.GetErr(), selectErr);
-    ASSERT_EQ(streamed.size(), selected.size());
-    for (size_t i = 0; i < selected.size(); ++i)
-      EXPECT_EQ(streamed[i].ToStr(), selected[i].ToStr());
+    EXPECT_EQ(streamed, selected);
     EXPECT_EQ(selectLines.size(), ok ? 9u : 1u);  // WARN lines of NULL, REAL, BLOB cells
   }
   // Early stop: a success, and the next run starts from the first row again.
