@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "support/db_files.h"
 #include "support/log_capture.h"
 #include "support/process.h"
 #include "support/sqlite_lock.h"
@@ -36,10 +37,12 @@ std::string Shown(const SqliteRow& row) {
   return text;
 }
 
-std::vector<std::string> Column0(SqliteStatement& select) {
-  std::vector<std::string> seen;
+// `show` of every row.
+Lines Column0(SqliteStatement& select,
+              const std::function<std::string(const SqliteRow&)>& show = Shown) {
+  Lines seen;
   EXPECT_TRUE(select.ForEachRow([&](const SqliteRow& row) {
-    seen.push_back(Shown(row));
+    seen.push_back(show(row));
     return true;
   }));
   return seen;
@@ -88,12 +91,8 @@ TEST(SqliteStatement, EveryTypeRoundTrips) {
   EXPECT_EQ(Column0(select), expected);
   // The blob's bytes, and text read as a blob keeps its NUL.
   SqliteStatement bytes(db, "SELECT x, CAST(x AS BLOB) AS raw FROM v WHERE k IN (11, 15)");
-  Lines got;
-  EXPECT_TRUE(bytes.ForEachRow([&](const SqliteRow& row) {
-    got.push_back(row.GetBlob("raw"));
-    return true;
-  }));
-  EXPECT_EQ(got, (Lines{nul, mebibyte}));
+  EXPECT_EQ(Column0(bytes, [](const SqliteRow& row) { return row.GetBlob("raw"); }),
+            (Lines{nul, mebibyte}));
   // Above INT64_MAX an unsigned value has no INTEGER: refused, the old binding kept.
   LogCapture log;
   EXPECT_FALSE(insert.Bind(1, 9223372036854775808ULL));
@@ -314,7 +313,7 @@ TEST(SqliteStatement, HostileUseThrowsNothing) {
   EXPECT_EQ(log.Messages("ERR").size(), 1u);
 }
 
-TEST(SqliteStatement, StatementRunsAfterAnotherProcessMigrated) {
+TEST(SqliteStatement, StatementRunsAfterAnotherConnectionMigrated) {
   TempDir tmp;
   const std::string path = tmp.File("t.db");
   SqliteDB db(path, 0, "t");
@@ -322,30 +321,23 @@ TEST(SqliteStatement, StatementRunsAfterAnotherProcessMigrated) {
   SqliteStatement insert(db, "INSERT INTO m (a) VALUES (?)");
   SqliteStatement select(db, "SELECT * FROM m ORDER BY a");
   ASSERT_TRUE(insert.Bind(1, 2) && insert.Exec() && Column0(select).size() == 2u);
-  const auto migrated = RunInChild([&] {
-    SqliteDB other(path, 0, "t");
-    return other.Exec("ALTER TABLE m ADD COLUMN b DEFAULT 'new'; CREATE INDEX mi ON m (a);") ? 0
-                                                                                             : 1;
-  });
-  ASSERT_EQ(migrated.exitCode, 0);
+  ASSERT_EQ(Query(path, "ALTER TABLE m ADD COLUMN b DEFAULT 'new'; CREATE INDEX mi ON m (a);"), "");
   ASSERT_TRUE(insert.Exec());
-  std::vector<std::string> rows;
-  ASSERT_TRUE(select.ForEachRow([&](const SqliteRow& row) {
-    rows.push_back(row.GetText("a") + row.GetText("b") + std::to_string(row.GetColumnCount()));
-    return true;
-  }));
-  EXPECT_EQ(rows, (Lines{"1new2", "2new2", "2new2"}));
+  EXPECT_EQ(Column0(select,
+                    [](const SqliteRow& row) {
+                      return row.GetText("a") + row.GetText("b") +
+                             std::to_string(row.GetColumnCount());
+                    }),
+            (Lines{"1new2", "2new2", "2new2"}));
 }
 
 TEST(SqliteStatementContention, RetriedBeforeTheFirstRowRefusedAfterIt) {
   TempDir tmp;
   const std::string path = tmp.File("t.db");
-  {
-    SqliteDB setup(path, 0, "t");
-    ASSERT_TRUE(
-        setup.Exec("CREATE TABLE file (id INTEGER PRIMARY KEY, path TEXT, size INTEGER);"
-                   "INSERT INTO file VALUES (1, 'a', 1), (2, 'b', 2), (3, 'c', 3);"));
-  }
+  ASSERT_EQ(Query(path,
+                  "CREATE TABLE file (id INTEGER PRIMARY KEY, path TEXT, size INTEGER);"
+                  "INSERT INTO file VALUES (1, 'a', 1), (2, 'b', 2), (3, 'c', 3);"),
+            "");
   SqliteDB db(path, 2, "t");
   LogCapture log;
   // A writer holds the lock past the busy time-out: retried, every row delivered once.
