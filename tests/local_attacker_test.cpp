@@ -140,17 +140,15 @@ TEST(LocalAttacker, TemporaryNamesCannotBeOccupiedAndCleanUpIsBounded) {
                  ? 0
                  : 5;
     });
-    int status;
-    waitpid(victim, &status, WUNTRACED);
+    waitpid(victim, nullptr, WUNTRACED);
     CHECK_OR(2, AsAttacker([&] {
                // The names of a counter, decimal or as wide as our random part.
+               const std::string stem = "/tmp/.vantdr-tmp." + std::to_string(victim) + ".";
                for (int n = 0; n < 100; ++n) {
                  char wide[32];
                  snprintf(wide, sizeof wide, "%016x", n);
-                 for (const std::string& tail : {std::to_string(n), std::string(wide)}) {
-                   const std::string name = "/tmp/.vantdr-tmp." + std::to_string(victim) + ".";
-                   if (!WriteText(name + tail, "x")) return 1;
-                 }
+                 if (!WriteText(stem + std::to_string(n), "x") || !WriteText(stem + wide, "x"))
+                   return 1;
                }
                return 0;
              }));
@@ -185,16 +183,15 @@ TEST(LocalAttacker, PlantedCacheFilesAreNeitherTrustedNorWrittenThrough) {
                  if (plant[0] == '/') return symlink(plant, path);
                  return WriteText(path, R"({"cached_data":{"v":666}})") ? 0 : 1;
                }));
-      struct stat before;
-      lstat("/tmp/default_dr_cache", &before);
+      struct stat before, after;
+      lstat(path, &before);
       TestCache cache("", false, -1);
       cache.fallback = Data(0);
       LogCapture log;
       CHECK_OR(3, cache.GetCachedData() == Data(0));
       CHECK_OR(4, !cache.UpdateWithData(Data(1)));
       CHECK_OR(5, Untouched(secret));
-      struct stat after;
-      CHECK_OR(6, lstat("/tmp/default_dr_cache", &after) == 0 && after.st_ino == before.st_ino &&
+      CHECK_OR(6, lstat(path, &after) == 0 && after.st_ino == before.st_ino &&
                       after.st_size == before.st_size);
       CHECK_OR(7, log.Count("Refused [/tmp/default_dr_cache]: a link, special file or file of "
                             "another user") == 1);
@@ -302,8 +299,6 @@ TEST(LocalAttacker, BuilderTextRunsAsExactlyOneStatement) {
   refused(db.UpdateRecord(update));
   refused(db.UpdateRecords({update}));
   refused(db.SelectRecords(select, rows));
-  int count = 0;
-  EXPECT_TRUE(db.GetCount(SqliteTableHandler("victim", ""), count));
-  EXPECT_EQ(count, 1);
+  EXPECT_EQ(Query(dir.File("db"), "SELECT count(*) FROM victim"), "1");
   EXPECT_FALSE(db.IsTableExisted("job"));
 }
