@@ -2,7 +2,6 @@
 // the fs.protected_* sysctls say, root's files keep owner and content, and every call returns.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <linux/fs.h>
 #include <signal.h>
 #include <spawn.h>
 #include <stdio.h>

@@ -2,8 +2,6 @@
 // keep committing, backups killed at random points, migrations racing.
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sqlite3.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>

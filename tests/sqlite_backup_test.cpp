@@ -1,5 +1,4 @@
 // Backups, integrity checks, schema versions and connection settings.
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 #include <sys/stat.h>

@@ -1,7 +1,6 @@
 #include "vantdr/sqlite_statement.h"
 
 #include <gtest/gtest.h>
-#include <sqlite3.h>
 
 #include <cmath>
 #include <cstdint>
