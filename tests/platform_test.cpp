@@ -117,11 +117,7 @@ TEST(PlatformTest, PidFilesRoundTripAndBadContentIsNoPid) {
 TEST(PlatformTest, LivenessTreatsZombiesAndNonPositivePidsAsDead) {
   EXPECT_TRUE(VLIBCProcAlive(getpid()) == 1 && VLIBCProcAlive(0) == 0 && VLIBCProcAlive(-1) == 0);
 
-  pid_t child = fork();
-  if (child == 0) {
-    pause();
-    _exit(0);
-  }
+  const pid_t child = StartChild([] { return pause(); });
   EXPECT_EQ(VLIBCProcAlive(child), 1);
   kill(child, SIGKILL);
   EXPECT_TRUE(WaitFor([&] { return VLIBCProcAlive(child) == 0; }, 5));  // an unreaped zombie
