@@ -4,49 +4,40 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <filesystem>
 #include <set>
 #include <string>
 
 #include "gtest/gtest.h"
+#include "support/db_files.h"
 #include "support/process.h"
 #include "support/temp_dir.h"
 #include "support/test_cache.h"
 #include "vantcore/vlibc.h"
 #include "vantrandom/vant_random.h"
 
+using namespace VantDRTest;
+
 namespace {
 
-using VantDRTest::TempDir;
-
 const char kHostile[] = "a b \"quoted\" 'single' ; rm -rf ~ $(id) `id` | x > y";
-
-std::set<std::string> DirEntries(const std::string& path) {
-  std::set<std::string> names;
-  for (const auto& entry : std::filesystem::directory_iterator(path))
-    names.insert(entry.path().filename());
-  return names;
-}
 
 TEST(PlatformTest, ExecPassesArgumentsVerbatimAndReportsStatus) {
   TempDir dir;
   const std::string target = dir.File(kHostile);
   EXPECT_EQ(VLIBCExec("/usr/bin/touch", target.c_str(), nullptr, nullptr, nullptr), 0);
-  EXPECT_EQ(DirEntries(dir.path()), std::set<std::string>{kHostile});
+  EXPECT_EQ(Entries(dir.path()), std::set<std::string>{kHostile});
 
   // Arguments after the first null are not passed.
   const std::string second = dir.File("second");
   EXPECT_EQ(VLIBCExec("/usr/bin/touch", target.c_str(), nullptr, second.c_str(), nullptr), 0);
   EXPECT_EQ(VLIBCFileExist(second.c_str()), 0);
 
-  const struct {
-    const char *program, *arg, *arg2;
-    int status;
-  } runs[] = {{"/bin/true", nullptr, nullptr, 0}, {"/bin/false", nullptr, nullptr, 1},
-              {"/bin/sh", "-c", "exit 7", 7},     {"/no/such/program", "x", nullptr, -1},
-              {nullptr, nullptr, nullptr, -1},    {"", nullptr, nullptr, -1}};
-  for (const auto& r : runs)
-    EXPECT_EQ(VLIBCExec(r.program, r.arg, r.arg2, nullptr, nullptr), r.status);
+  EXPECT_EQ(VLIBCExec("/bin/true", nullptr, nullptr, nullptr, nullptr), 0);
+  EXPECT_EQ(VLIBCExec("/bin/false", nullptr, nullptr, nullptr, nullptr), 1);
+  EXPECT_EQ(VLIBCExec("/bin/sh", "-c", "exit 7", nullptr, nullptr), 7);
+  EXPECT_EQ(VLIBCExec("/no/such/program", "x", nullptr, nullptr, nullptr), -1);
+  EXPECT_EQ(VLIBCExec(nullptr, nullptr, nullptr, nullptr, nullptr), -1);
+  EXPECT_EQ(VLIBCExec("", nullptr, nullptr, nullptr, nullptr), -1);
 }
 
 TEST(PlatformTest, PopenReadsTheProgramsOutputAndArgumentsAreNotShellWords) {
@@ -60,7 +51,7 @@ TEST(PlatformTest, PopenReadsTheProgramsOutputAndArgumentsAreNotShellWords) {
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
 
   // A daemon with stdin and stdout closed gets the pipe as descriptors 0 and 1.
-  EXPECT_EQ(VantDRTest::RunInChild([] {
+  EXPECT_EQ(RunInChild([] {
               close(0);
               close(1);
               FILE* in = VLIBCPopen("/bin/echo", "r", "hi", static_cast<const char*>(nullptr));
@@ -79,7 +70,7 @@ TEST(PlatformTest, PopenReadsTheProgramsOutputAndArgumentsAreNotShellWords) {
 TEST(PlatformTest, FileTestsAndTrim) {
   TempDir dir;
   const std::string file = dir.File("f");
-  ASSERT_TRUE(VantDRTest::WriteText(file, "x"));
+  ASSERT_TRUE(WriteText(file, "x"));
   const std::string missing = dir.File("missing");
   const struct {
     const char* path;
@@ -109,14 +100,14 @@ TEST(PlatformTest, PidFilesRoundTripAndBadContentIsNoPid) {
   EXPECT_EQ(VLIBCReadPidFile(pidFile.c_str()), 0);  // missing
   ASSERT_EQ(VLIBCProcPidFileCreate(pidFile.c_str()), 0);
   EXPECT_EQ(VLIBCReadPidFile(pidFile.c_str()), getpid());
-  EXPECT_EQ(VantDRTest::ReadText(pidFile), std::to_string(getpid()) + "\n");
-  EXPECT_EQ(DirEntries(dir.path()), std::set<std::string>{"updater.pid"});  // no temp left
+  EXPECT_EQ(ReadText(pidFile), std::to_string(getpid()) + "\n");
+  EXPECT_EQ(Entries(dir.path()), std::set<std::string>{"updater.pid"});  // no temp left
 
   const std::pair<const char*, int> cases[] = {{"", 0},        {"abc", -1}, {"12x", -1},
                                                {"-5", -1},     {"0", -1},   {"99999999999", -1},
                                                {"  42 \n", 42}};
   for (const auto& [content, expected] : cases) {
-    ASSERT_TRUE(VantDRTest::WriteText(pidFile, content));
+    ASSERT_TRUE(WriteText(pidFile, content));
     EXPECT_EQ(VLIBCReadPidFile(pidFile.c_str()), expected) << '"' << content << '"';
   }
   EXPECT_TRUE(VLIBCProcPidFileCreate(dir.File("no/such/dir/x.pid").c_str()) != 0 &&
@@ -126,15 +117,10 @@ TEST(PlatformTest, PidFilesRoundTripAndBadContentIsNoPid) {
 TEST(PlatformTest, LivenessTreatsZombiesAndNonPositivePidsAsDead) {
   EXPECT_TRUE(VLIBCProcAlive(getpid()) == 1 && VLIBCProcAlive(0) == 0 && VLIBCProcAlive(-1) == 0);
 
-  pid_t child = fork();
-  if (child == 0) {
-    pause();
-    _exit(0);
-  }
+  const pid_t child = StartChild([] { return pause(); });
   EXPECT_EQ(VLIBCProcAlive(child), 1);
   kill(child, SIGKILL);
-  EXPECT_TRUE(
-      VantDRTest::WaitFor([&] { return VLIBCProcAlive(child) == 0; }, 5));  // an unreaped zombie
+  EXPECT_TRUE(WaitFor([&] { return VLIBCProcAlive(child) == 0; }, 5));  // an unreaped zombie
   // Blocking: under emulation the leader can be a zombie before its threads end.
   EXPECT_EQ(waitpid(child, nullptr, 0), child);
 }
@@ -145,17 +131,17 @@ TEST(PlatformTest, DetachedForkGivesTheWorkersPidAndLeavesNoZombie) {
   pid_t worker = VLIBCProcForkEx(VLIBC_FORK_DETACH | VLIBC_FORK_NEW_SESSION);
   if (worker == 0) {
     std::string text = std::to_string(getpid()) + " " + std::to_string(getsid(0) == getpid());
-    VantDRTest::WriteText(report + ".tmp", text);
+    WriteText(report + ".tmp", text);
     rename((report + ".tmp").c_str(), report.c_str());
     _exit(0);
   }
   ASSERT_GT(worker, 0);
-  EXPECT_TRUE(VantDRTest::WaitFor([&] { return VLIBCFileExist(report.c_str()) == 1; }, 5));
+  EXPECT_TRUE(WaitFor([&] { return VLIBCFileExist(report.c_str()) == 1; }, 5));
   errno = 0;  // the worker is not our child: nothing to reap
   EXPECT_TRUE(waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD);
   // The worker's own pid; not a session leader, so it can never reacquire a terminal.
-  EXPECT_EQ(VantDRTest::ReadText(report), std::to_string(worker) + " 0");
-  EXPECT_TRUE(VantDRTest::WaitFor([&] { return VLIBCProcAlive(worker) == 0; }, 5));
+  EXPECT_EQ(ReadText(report), std::to_string(worker) + " 0");
+  EXPECT_TRUE(WaitFor([&] { return VLIBCProcAlive(worker) == 0; }, 5));
 
   // Without flags it is a plain fork: the caller reaps its own child.
   pid_t plain = VLIBCProcForkEx(0);
@@ -169,9 +155,7 @@ TEST(PlatformTest, RandomIsWithinTheClosedRangeAndReachesBothEnds) {
   VANT::RANDOM::VANTRandom random;
   EXPECT_TRUE(random.urandom(7, 7) == 7u && random.urandom(9, 3) == 9u);
   std::set<unsigned> seen;
-  for (int i = 0; i < 2000; ++i) {
-    seen.insert(random.urandom(1000, 1003));
-  }
+  for (int i = 0; i < 2000; ++i) seen.insert(random.urandom(1000, 1003));
   EXPECT_EQ(seen, (std::set<unsigned>{1000, 1001, 1002, 1003}));  // in range, both ends reached
   std::set<unsigned> wide;
   for (int i = 0; i < 64; ++i) wide.insert(random.urandom(0, UINT32_MAX));

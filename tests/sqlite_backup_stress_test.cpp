@@ -2,11 +2,10 @@
 // keep committing, backups killed at random points, migrations racing.
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sqlite3.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <filesystem>
 #include <random>
 #include <string>
 #include <vector>
@@ -24,15 +23,7 @@ using namespace VantDRTest;
 namespace {
 
 const SqliteTableHandler kRows("rows",
-                               "w INTEGER, seq INTEGER, half INTEGER, "
-                               "UNIQUE (w, seq, half)");
-
-// Whether the copy at `path` is sound and holds, for every writer, its
-// transactions 1..k whole: a prefix of what was committed.
-const char kPrefixOfCommits[] =
-    "SELECT (SELECT count(*) FROM rows) = 2 * (SELECT coalesce(sum(m), 0) FROM "
-    "(SELECT max(seq) AS m FROM rows GROUP BY w)) AND NOT EXISTS "
-    "(SELECT 1 FROM rows GROUP BY w, seq HAVING count(*) != 2)";
+                               "w INTEGER, seq INTEGER, half INTEGER, UNIQUE (w, seq, half)");
 
 InsertCommand Row(int w, int seq, int half) {
   InsertCommand insert;
@@ -43,40 +34,43 @@ InsertCommand Row(int w, int seq, int half) {
   return insert;
 }
 
-// Inserts transactions of two rows until `stop` exists, then writes how many
-// were committed to `stop`.<w>; exits 0 when every one was.
-pid_t StartWriter(const std::string& path, const std::string& stop, int w,
-                  const std::vector<std::string>& setup = {}) {
-  return StartChild([=] {
-    SqliteDB db(path, 20, "w");
-    db.SetConnectionSetup(setup);
-    int seq = 1;
-    for (; access(stop.c_str(), F_OK) != 0; ++seq) {
-      if (!db.InsertRecords({Row(w, seq, 0), Row(w, seq, 1)})) return 1;
-    }
-    return WriteText(stop + "." + std::to_string(w), std::to_string(seq - 1)) ? 0 : 2;
-  });
-}
-
-// Every writer's committed transactions are in the database.
-void ExpectAllCommitted(const std::string& path, const std::string& stop, int writers) {
-  for (int w = 0; w < writers; ++w) {
-    EXPECT_EQ(Query(path, "SELECT count(*) FROM rows WHERE w = " + std::to_string(w)),
-              std::to_string(2 * std::stoi("0" + ReadText(stop + "." + std::to_string(w)))));
-  }
-}
-
-}  // namespace
-
-TEST(SqliteBackupStress, BackupUnderWritersHoldsAPrefixOfCommits) {
-  TempDir tmp;
-  const std::string path = tmp.File("busy.db"), stop = tmp.File("stop");
-  {
+// A database `path` with table rows, written by processes until `stop` exists.
+class SqliteBackupStress : public ::testing::Test {
+ protected:
+  SqliteBackupStress() {
     SqliteDB db(path, 0, "t");
-    ASSERT_TRUE(db.CreateTable(kRows));
+    EXPECT_TRUE(db.CreateTable(kRows));
   }
+  // Writer w inserts transactions of two rows, then writes how many it committed to stop.<w>.
+  void StartWriters(int n, const std::vector<std::string>& setup = {}) {
+    for (int w = 0; w < n; ++w) {
+      writers.push_back(StartChild([=] {
+        SqliteDB db(path, 20, "w");
+        db.SetConnectionSetup(setup);
+        int seq = 1;
+        for (; access(stop.c_str(), F_OK) != 0; ++seq) {
+          if (!db.InsertRecords({Row(w, seq, 0), Row(w, seq, 1)})) return 1;
+        }
+        return WriteText(stop + "." + std::to_string(w), std::to_string(seq - 1)) ? 0 : 2;
+      }));
+    }
+  }
+  // Stops the writers: each committed every transaction, and all of them are in the database.
+  void StopWriters() {
+    ASSERT_TRUE(WriteText(stop, ""));
+    for (size_t w = 0; w < writers.size(); ++w) {
+      EXPECT_EQ(WaitChild(writers[w]).exitCode, 0);
+      EXPECT_EQ(Query(path, "SELECT count(*) FROM rows WHERE w = " + std::to_string(w)),
+                std::to_string(2 * std::stoi("0" + ReadText(stop + "." + std::to_string(w)))));
+    }
+  }
+  TempDir tmp;
+  const std::string path = tmp.File("src.db"), stop = tmp.File("stop");
   std::vector<pid_t> writers;
-  for (int w = 0; w < 4; ++w) writers.push_back(StartWriter(path, stop, w));
+};
+
+TEST_F(SqliteBackupStress, BackupUnderWritersHoldsAPrefixOfCommits) {
+  StartWriters(4);
   SqliteDB db(path, 5, "t");
   int rows = 0;
   for (int i = 0; i < 5; ++i) {
@@ -84,54 +78,48 @@ TEST(SqliteBackupStress, BackupUnderWritersHoldsAPrefixOfCommits) {
     const std::string copy = tmp.File("copy" + std::to_string(i) + ".db");
     ASSERT_TRUE(db.Backup(copy)) << JsonToString(db.GetErr());
     EXPECT_EQ(Query(copy, "PRAGMA quick_check"), "ok");
-    EXPECT_EQ(Query(copy, kPrefixOfCommits), "1") << i;
+    // For every writer, its transactions 1..k whole: a prefix of what was committed.
+    EXPECT_EQ(Query(copy,
+                    "SELECT (SELECT count(*) FROM rows) = 2 * (SELECT coalesce(sum(m), 0) FROM "
+                    "(SELECT max(seq) AS m FROM rows GROUP BY w)) AND NOT EXISTS "
+                    "(SELECT 1 FROM rows GROUP BY w, seq HAVING count(*) != 2)"),
+              "1")
+        << i;
     const int now = std::stoi(Query(copy, "SELECT count(*) FROM rows"));
     EXPECT_GE(now, rows);  // later copies hold later states
     rows = now;
   }
-  ASSERT_TRUE(WriteText(stop, ""));
-  for (pid_t writer : writers) EXPECT_EQ(WaitChild(writer).exitCode, 0);
-  ExpectAllCommitted(path, stop, 4);
+  StopWriters();
   EXPECT_GT(rows, 0);
 }
 
-TEST(SqliteBackupStress, KilledBackupsLeaveThePreviousOneWhole) {
-  TempDir tmp;
-  const std::string path = tmp.File("src.db"), dest = tmp.File("backup.db");
-  {
-    SqliteDB db(path, 0, "t");
-    ASSERT_TRUE(db.Exec(
-        "CREATE TABLE t (v TEXT); WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i+1 FROM n "
-        "WHERE i<20000) INSERT INTO t SELECT printf('%0200d', i) FROM n;"));
-    const auto started = std::chrono::steady_clock::now();
-    ASSERT_TRUE(db.Backup(dest));
-    const auto took = std::chrono::duration_cast<std::chrono::microseconds>(
-                          std::chrono::steady_clock::now() - started)
-                          .count();
-    std::mt19937 random(std::random_device{}());
-    std::uniform_int_distribution<long> when(0, took * 3 / 2);
-    db.Close();
-    for (int kill = 0; kill < 20; ++kill) {
-      const pid_t child = StartChild([&] {
-        SqliteDB other(path, 0, "t");
-        return other.Backup(dest) ? 0 : 1;
-      });
-      usleep(static_cast<useconds_t>(when(random)));
-      ::kill(child, SIGKILL);
-      WaitChild(child);
-      EXPECT_EQ(Query(dest, "PRAGMA quick_check"), "ok") << kill;
-      EXPECT_EQ(Query(dest, "SELECT count(*) FROM t"), "20000") << kill;
-    }
-    // The next backup clears what the killed ones left.
-    ASSERT_TRUE(db.Backup(dest));
+TEST_F(SqliteBackupStress, KilledBackupsLeaveThePreviousOneWhole) {
+  const std::string dest = tmp.File("backup.db");
+  SqliteDB db(path, 0, "t");
+  ASSERT_TRUE(db.Exec(
+      "CREATE TABLE t (v TEXT); WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i+1 FROM n "
+      "WHERE i<20000) INSERT INTO t SELECT printf('%0200d', i) FROM n;"));
+  const auto started = std::chrono::steady_clock::now();
+  ASSERT_TRUE(db.Backup(dest));
+  const std::chrono::microseconds took = std::chrono::duration_cast<std::chrono::microseconds>(
+      std::chrono::steady_clock::now() - started);
+  std::mt19937 random(std::random_device{}());
+  std::uniform_int_distribution<long> when(0, took.count() * 3 / 2);
+  db.Close();
+  for (int kill = 0; kill < 20; ++kill) {
+    const pid_t child = StartChild([&] { return SqliteDB(path, 0, "t").Backup(dest) ? 0 : 1; });
+    usleep(static_cast<useconds_t>(when(random)));
+    ::kill(child, SIGKILL);
+    WaitChild(child);
+    EXPECT_EQ(Query(dest, "PRAGMA quick_check"), "ok") << kill;
+    EXPECT_EQ(Query(dest, "SELECT count(*) FROM t"), "20000") << kill;
   }
-  EXPECT_EQ(Query(dest, "SELECT count(*) FROM t"), "20000");
-  EXPECT_EQ(Entries(tmp.path()).size(), 2u);
+  // The next backup clears what the killed ones left.
+  ASSERT_TRUE(db.Backup(dest));
+  EXPECT_EQ(Entries(tmp.path()), (std::set<std::string>{"src.db", "backup.db"}));
 }
 
-TEST(SqliteBackupStress, SixProcessesMigrateEachStepOnce) {
-  TempDir tmp;
-  const std::string path = tmp.File("m.db");
+TEST_F(SqliteBackupStress, SixProcessesMigrateEachStepOnce) {
   const std::vector<std::string> steps = {
       "CREATE TABLE effects (step INTEGER); INSERT INTO effects VALUES (1)",
       "INSERT INTO effects VALUES (2)", "INSERT INTO effects VALUES (3)",
@@ -150,24 +138,17 @@ TEST(SqliteBackupStress, SixProcessesMigrateEachStepOnce) {
   EXPECT_EQ(Query(path, "PRAGMA user_version"), "4");
 }
 
-TEST(SqliteBackupStress, WalFromConnectionSetupLosesNothing) {
-  TempDir tmp;
-  const std::string path = tmp.File("wal.db"), stop = tmp.File("stop");
+TEST_F(SqliteBackupStress, WalFromConnectionSetupLosesNothing) {
   const std::vector<std::string> setup = {"PRAGMA journal_mode=WAL", "PRAGMA synchronous=NORMAL"};
-  {
-    SqliteDB db(path, 0, "t");
-    ASSERT_TRUE(db.CreateTable(kRows));
-  }
-  std::vector<pid_t> writers, readers;
-  for (int w = 0; w < 3; ++w) writers.push_back(StartWriter(path, stop, w, setup));
+  StartWriters(3, setup);
   // Readers never see the count go back, nor a half transaction.
+  std::vector<pid_t> readers;
   for (int r = 0; r < 2; ++r) {
     readers.push_back(StartChild([&] {
       SqliteDB db(path, 20, "r");
       db.SetConnectionSetup(setup);
-      int last = 0;
+      int last = 0, count = 0;
       while (access(stop.c_str(), F_OK) != 0) {
-        int count = 0;
         if (!db.GetCount(kRows, count) || count < last || count % 2 != 0) return 1;
         last = count;
       }
@@ -175,54 +156,39 @@ TEST(SqliteBackupStress, WalFromConnectionSetupLosesNothing) {
     }));
   }
   usleep(1500 * 1000);
-  ASSERT_TRUE(WriteText(stop, ""));
-  for (pid_t child : writers) EXPECT_EQ(WaitChild(child).exitCode, 0);
+  StopWriters();
   for (pid_t child : readers) EXPECT_EQ(WaitChild(child).exitCode, 0);
   EXPECT_EQ(Query(path, "PRAGMA journal_mode"), "wal");
-  ExpectAllCommitted(path, stop, 3);
   EXPECT_GT(std::stoi(Query(path, "SELECT count(*) FROM rows")), 0);
 }
 
 // The attack on the swap: while the backup waits for a writer, the name it
 // will replace is turned into a link to a file the daemon must not touch.
-TEST(SqliteBackupStress, DestinationSwappedDuringTheBackupIsLeftAlone) {
-  TempDir tmp;
-  const std::string path = tmp.File("src.db"), dest = tmp.File("backup.db");
-  const std::string victim = tmp.File("victim");
+TEST_F(SqliteBackupStress, DestinationSwappedDuringTheBackupIsLeftAlone) {
+  const std::string dest = tmp.File("backup.db"), victim = tmp.File("victim");
   ASSERT_TRUE(WriteText(victim, "precious"));
-  {
-    SqliteDB db(path, 0, "t");
-    ASSERT_TRUE(db.CreateTable(kRows));
-  }
-  struct Case {
-    bool existed;
-    std::string step;
-  };
-  const Case cases[] = {{true, "the destination changed during the backup"},
-                        {false, "the destination appeared during the backup"}};
-  for (const Case& c : cases) {
+  // The destination existed, or appeared during the backup.
+  for (const bool existed : {true, false}) {
     unlink(dest.c_str());
-    if (c.existed) {
-      ASSERT_TRUE(WriteText(dest, "old backup"));
-    }
+    ASSERT_TRUE(!existed || WriteText(dest, "old backup"));
     const pid_t holder = HoldSqliteLock(path, "BEGIN EXCLUSIVE", 1500);
     ASSERT_GT(holder, 0);
     const pid_t attacker = StartChild([&] {
       usleep(300 * 1000);
-      if (c.existed && rename(dest.c_str(), tmp.File("moved").c_str()) != 0) return 1;
+      if (existed && rename(dest.c_str(), tmp.File("moved").c_str()) != 0) return 1;
       return symlink(victim.c_str(), dest.c_str()) == 0 ? 0 : 2;
     });
     SqliteDB db(path, 2, "t");
-    EXPECT_FALSE(db.Backup(dest)) << c.step;
+    EXPECT_FALSE(db.Backup(dest)) << existed;
     EXPECT_EQ(JsonToString(db.GetErr()), "{\"err_code\":401}");
     EXPECT_EQ(WaitChild(attacker).exitCode, 0);
     EXPECT_EQ(WaitChild(holder).exitCode, 0);
     EXPECT_EQ(ReadText(victim), "precious");
-    char target[256] = {};
-    EXPECT_EQ(readlink(dest.c_str(), target, sizeof target - 1),
-              static_cast<ssize_t>(victim.size()));
-    // The database, the victim, the link and the old backup the attacker
-    // moved away: nothing of the backup's own.
-    EXPECT_EQ(Entries(tmp.path()).size(), 4u);
+    EXPECT_EQ(std::filesystem::read_symlink(dest), victim);
+    // Nothing of the backup's own beside what the attacker left.
+    EXPECT_EQ(Entries(tmp.path()),
+              (std::set<std::string>{"src.db", "victim", "backup.db", "moved"}));
   }
 }
+
+}  // namespace
