@@ -15,6 +15,7 @@
 #include "support/sqlite_lock.h"
 #include "support/temp_dir.h"
 #include "vantdr/json_text.h"
+#include "vantdr/sqlite_transaction.h"
 
 using namespace VantDRCore;
 using namespace VantDRTest;
@@ -117,6 +118,15 @@ TEST(SqliteStatement, BindsByIndexAndNameAndRefusesWhatIsNotThere) {
   SqliteStatement select(db, "SELECT a || '|' || quote(b) || '|' || quote(c) || '|' || d FROM p");
   EXPECT_EQ(Column0(select),
             (Lines{"t:1|'two'|3.5|4", "t:1|NULL|X'7879'|4", "t:1|NULL|X'7879'|4"}));
+  {  // one prepared statement, 10,000 runs in one transaction
+    SqliteTransaction transaction(db);
+    ASSERT_TRUE(transaction.Begin());
+    for (int64_t i = 0; i < 10000; ++i) ASSERT_TRUE(insert.Bind(9, i) && insert.Exec());
+    ASSERT_TRUE(transaction.Commit());
+    SqliteStatement sum(db, "SELECT count(*) || '/' || sum(d) FROM p WHERE c = X'7879'");
+    EXPECT_EQ(Column0(sum), Lines{"t:10002/49995008"});
+    ASSERT_TRUE(db.Exec("DELETE FROM p WHERE rowid > 3"));
+  }
 
   LogCapture log;
   db.SetErr(0);
