@@ -1,0 +1,114 @@
+// The forked cache updater among real processes: one fetch for many stale
+// readers, and none of its caller's locks.
+#include <gtest/gtest.h>
+#include <json/writer.h>
+#include <signal.h>
+#include <sys/file.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <memory>
+#include <string>
+
+#include "support/process.h"
+#include "support/test_cache.h"
+#include "support/timing.h"
+#include "vantcore/vlibc.h"
+#include "vantdr/file_lock.h"
+
+using namespace VantDRCore;
+using namespace VantDRTest;
+
+namespace {
+
+class CacheUpdater : public CacheFixture {};
+
+// The one fetch blocks until the file "release" appears.
+TEST_F(CacheUpdater, SimultaneousStaleReadersFetchOnceAndAKilledUpdaterBlocksNothing) {
+  TestCache cache(dir.path());
+  cache.delayMs = 20000;
+  ASSERT_TRUE(cache.UpdateWithData(Data(1)) && cache.SetAge(200));  // valid but stale
+  // Old data at once: nobody waits for the fetch.
+  EXPECT_EQ(RunTogether(16,
+                        [&](int) {
+                          bool old = false;
+                          const double took = SecondsTaken([&] { old = cache.Read() == Data(1); });
+                          return old && took < Bound(1.0) ? 0 : 1;
+                        }),
+            0);
+  const std::string pidPath = cache.GetCachePath() + ".pid";
+  ASSERT_TRUE(WaitFor([&] { return cache.Fetches() > 0; }, 5));
+  usleep(500000);  // a second updater would have fetched by now
+  EXPECT_EQ(cache.Fetches(), 1);
+  const pid_t updater = VLIBCReadPidFile(pidPath.c_str());
+  ASSERT_GT(updater, 0);
+  ASSERT_EQ(kill(updater, SIGKILL), 0);
+  ASSERT_TRUE(WaitFor([&] { return VLIBCProcAlive(updater) != 1; }, 5));
+  EXPECT_EQ(VLIBCReadPidFile(pidPath.c_str()), updater);  // left behind by the dead updater
+
+  ASSERT_TRUE(WriteText(dir.File("release"), ""));
+  // Old data, or the new if the detached updater already wrote.
+  const Json::Value again = cache.Read();
+  EXPECT_TRUE(again == Data(1) || again == Data(7)) << again;
+  // Well inside the 5 s of any lock time-out.
+  EXPECT_TRUE(WaitFor([&] { return cache.Fetches() == 2; }, 2));
+  EXPECT_TRUE(WaitFor([&] { return !Exists(pidPath); }, 5));
+  EXPECT_EQ(cache.Read(), Data(7));
+  // The updaters were detached: this process has no child left to reap.
+  EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
+  EXPECT_EQ(errno, ECHILD);
+}
+
+// The updater forked by a lock holder's Read keeps none of its locks (unlocked,
+// dropped or dead holder), yet can use the holder's other descriptors.
+TEST_F(CacheUpdater, ForkedUpdaterKeepsNoLockOfItsParent) {
+  const int kExclusive = LOCK_EX | LOCK_NB;
+  const std::string unlocked = UniqueName("held_unlocked"), dropped = UniqueName("held_dropped"),
+                    killed = UniqueName("held_killed");
+  TestCache cache(dir.path());
+  ASSERT_TRUE(cache.UpdateWithData(Data(1)) && cache.SetAge(200));
+  int ready[2], news[2];
+  ASSERT_TRUE(pipe(ready) == 0 && pipe(news) == 0);
+  const pid_t holder = StartChild([&] {
+    close(ready[0]);
+    close(news[0]);
+    FileLock kept(killed), released(unlocked);
+    auto dropping = std::make_unique<FileLock>(dropped);
+    if (!kept.lock(kExclusive, 0) || !released.lock(kExclusive, 0) ||
+        !dropping->lock(kExclusive, 0)) {
+      return 1;
+    }
+    // The updater reports through a descriptor of the caller's own.
+    cache.onFetch = [&] { (void)!write(news[1], "f", 1); };
+    cache.delayMs = 20000;
+    if (cache.Read() != Data(1)) return 2;
+    released.unlock();
+    dropping.reset();
+    if (write(ready[1], "r", 1) != 1) return 3;
+    pause();  // killed here, still holding `kept`
+    return 4;
+  });
+  close(ready[1]);
+  close(news[1]);
+  char c = 0;
+  ASSERT_EQ(read(ready[0], &c, 1), 1);
+  ASSERT_EQ(read(news[0], &c, 1), 1);  // the updater is fetching
+  ASSERT_EQ(kill(holder, SIGKILL), 0);
+  EXPECT_EQ(WaitChild(holder).signal, SIGKILL);
+  for (const std::string& name : {unlocked, dropped, killed}) {
+    FileLock rival(name);
+    EXPECT_TRUE(rival.lock(kExclusive, 0)) << name;
+    unlink(FileLock::getLockFilePath(name).c_str());
+  }
+  const std::string pidPath = cache.GetCachePath() + ".pid";
+  EXPECT_TRUE(Exists(pidPath));  // still updating
+  ASSERT_TRUE(WriteText(dir.File("release"), ""));
+  EXPECT_TRUE(WaitFor([&] { return !Exists(pidPath); }, 10));
+  // A new object: this one's copy may carry the same whole-second time stamp.
+  EXPECT_EQ(TestCache(dir.path()).GetCachedData(), Data(7));
+  close(ready[0]);
+  close(news[0]);
+}
+
+}  // namespace
