@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "support/jobs.h"
 #include "support/log_capture.h"
 #include "support/process.h"
 #include "support/sqlite_lock.h"
@@ -17,7 +18,7 @@
 #include "vantdr/json_text.h"
 
 using namespace VantDRCore;
-using VantDRTest::LogCapture;
+using namespace VantDRTest;
 using Lines = std::vector<std::string>;
 
 namespace {
@@ -27,19 +28,12 @@ const SqliteTableHandler kKinds(
     "id INTEGER PRIMARY KEY, i INTEGER, n NUMERIC, t TEXT, r REAL, b BLOB, x, "
     "d INTEGER DEFAULT 7, s TEXT DEFAULT 'none', u TEXT UNIQUE");
 const SqliteTableHandler kEvents("events", "k TEXT, v INTEGER");
-const SqliteTableHandler kJobs("job", "id INTEGER PRIMARY KEY, name TEXT");
 
 template <typename T>
 InsertCommand Insert(const SqliteTableHandler& table, const std::string& field, const T& value) {
   InsertCommand insert;
   insert.SetTable(table);
   insert.AddFieldValue(field, value);
-  return insert;
-}
-
-InsertCommand Job(int id, const std::string& name) {
-  InsertCommand insert = Insert(kJobs, "name", name);
-  insert.AddFieldValue("id", id);
   return insert;
 }
 
@@ -189,17 +183,6 @@ TEST(SqliteBatch, WritesExactlyTheRowsOfOneByOneWrites) {
   EXPECT_EQ(errors, (Lines{head + "1,\"sqlite_errmsg\":\"unrecognized token: \\\"'a\\\"\"}}",
                            head + "1,\"sqlite_errmsg\":\"1 values for 2 columns\"}}",
                            head + "19,\"sqlite_errmsg\":\"UNIQUE constraint failed: job.id\"}}"}));
-}
-
-int Count(SqliteDB& db) {
-  int count = -1;
-  return db.GetCount(kJobs, count) ? count : -1;
-}
-
-std::vector<InsertCommand> Jobs(int first, int n) {
-  std::vector<InsertCommand> jobs;
-  for (int id = first; id < first + n; ++id) jobs.push_back(Job(id, "job " + std::to_string(id)));
-  return jobs;
 }
 
 TEST(SqliteBatch, ChecksEveryCommandFirstAndWritesAllOrNothing) {
