@@ -596,6 +596,35 @@ TEST_F(FaultWalk, PrivilegedSectionsOfAnotherUser) {
   unlink(FileLock::getLockFilePath(lock).c_str());
 }
 
+// EINTR is no failure: the interrupted read or write is made again.
+TEST(Interrupted, ReadsAndWritesAreMadeAgain) {
+  WalkDir dir;
+  ASSERT_FALSE(dir.path().empty());
+  const std::string doc = dir.path() + "/doc.json", pid = dir.path() + "/pid";
+  Json::Value read;
+  const struct {
+    const char* name;
+    Faults::Call call;
+    std::function<bool()> run;
+  } rows[] = {
+      {"JsonToFile", Faults::kWrite, [&] { return JsonToFile(Doc(2), doc); }},
+      {"JsonFromFile", Faults::kRead, [&] { return JsonFromFile(read, doc) && read == Doc(2); }},
+      {"pid file", Faults::kWrite, [&] { return VLIBCProcPidFileCreate(pid.c_str()) == 0; }},
+      {"VLIBCReadPidFile", Faults::kRead,
+       [&] { return VLIBCReadPidFile(pid.c_str()) == getpid(); }},
+      {"VLIBCExec", Faults::kRead,
+       [] { return VLIBCExec("/bin/true", nullptr, nullptr, nullptr, nullptr) == 0; }},
+  };
+  for (const auto& row : rows) {
+    Faults::Arm(row.call, 1, EINTR);
+    const bool ok = row.run();
+    const bool fired = Faults::Fired();
+    Faults::Disarm();
+    EXPECT_TRUE(ok && fired) << row.name;
+  }
+  EXPECT_EQ(ReadDoc(doc), Doc(2));
+}
+
 class HugeInput : public ::testing::Test {
  protected:
   void SetUp() override { ASSERT_FALSE(dir.path().empty()); }
