@@ -8,14 +8,19 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <memory>
+#include <new>
+#include <stdexcept>
 #include <string>
 
+#include "support/log_capture.h"
 #include "support/process.h"
 #include "support/test_cache.h"
 #include "support/timing.h"
 #include "vantcore/vlibc.h"
 #include "vantdr/file_lock.h"
+#include "vantdr/json_text.h"
 
 using namespace VantDRCore;
 using namespace VantDRTest;
@@ -109,6 +114,100 @@ TEST_F(CacheUpdater, ForkedUpdaterKeepsNoLockOfItsParent) {
   EXPECT_EQ(TestCache(dir.path()).GetCachedData(), Data(7));
   close(ready[0]);
   close(news[0]);
+}
+
+// A second claimant between the two locks: the first look saw no updater,
+// the look under the exclusive lock sees the one that came in between.
+TEST_F(CacheUpdater, ClaimantBetweenTheTwoLocksYields) {
+  TestCache cache(dir.path(), true, -1);
+  ASSERT_TRUE(cache.UpdateWithData(Data(1)) && cache.SetAge(200));
+  const std::string pidPath = cache.GetCachePath() + ".pid";
+  // Looks pass under a shared lock; the claim waits for the exclusive one.
+  FileLock looking(cache.GetCachePath() + ".lock");
+  ASSERT_TRUE(looking.lock(LOCK_SH | LOCK_NB, 0));
+  const pid_t claimant = StartChild([&] { return cache.Update() ? 0 : 1; });
+  usleep(300 * 1000);  // the claimant has looked and polls for the exclusive lock
+  ASSERT_EQ(VLIBCProcPidFileCreate(pidPath.c_str()), 0);  // this live process came first
+  looking.unlock();
+  EXPECT_EQ(WaitChild(claimant).exitCode, 1);
+  EXPECT_EQ(cache.Fetches(), 0);
+  EXPECT_EQ(VLIBCReadPidFile(pidPath.c_str()), getpid());
+}
+
+// A lock file closed before the fork leaves its descriptor number to the
+// caller's next file, which the updater must not close.
+TEST_F(CacheUpdater, DescriptorReusedBeforeTheForkStaysTheCallers) {
+  TestCache cache(dir.path());
+  ASSERT_TRUE(cache.UpdateWithData(Data(1)) && cache.SetAge(200));
+  int news[2];
+  ASSERT_EQ(pipe(news), 0);
+  const std::string name = UniqueName("reused");
+  int reused = -1;
+  {
+    FileLock lock(name);
+    ASSERT_TRUE(lock.lock(LOCK_EX | LOCK_NB, 0));
+    reused = open("/dev/null", O_RDONLY);  // the lock file's number is the next free one
+    close(reused);
+  }
+  ASSERT_EQ(dup2(news[1], reused), reused);
+  close(news[1]);
+  cache.onFetch = [&] { (void)!write(reused, "f", 1); };
+  EXPECT_EQ(cache.Read(), Data(1));
+  close(reused);
+  char c = 0;
+  EXPECT_EQ(read(news[0], &c, 1), 1);  // end of file instead when the updater closed it
+  close(news[0]);
+  EXPECT_TRUE(WaitFor([&] { return !Exists(cache.GetCachePath() + ".pid"); }, 10));
+  unlink(FileLock::getLockFilePath(name).c_str());
+}
+
+// No file is stale whatever the time-out, even one longer than the time since the epoch.
+TEST_F(CacheUpdater, MissingFileIsStaleWhateverTheTimeOut) {
+  TestCache cache(dir.path(), true, -1, LONG_MAX);
+  cache.fallback = Data(3);  // valid: only staleness makes it fetch
+  EXPECT_EQ(cache.Read(), Data(7));
+  EXPECT_EQ(cache.Fetches(), 1);
+}
+
+// Whatever a callback of the caller throws (a std::exception, bad_alloc, or
+// something else entirely) stays in the library, and no pid file is left.
+struct ThrowingCache : TestCache {
+  ThrowingCache(const std::string& dir, int where, int kind)
+      : TestCache(dir, true, -1), where(where), kind(kind) {}
+  void Throw(int callback) const {
+    if (callback != where) return;
+    if (kind == 0) throw std::runtime_error("thrown");
+    if (kind == 1) throw std::bad_alloc();
+    throw 42;
+  }
+  Json::Value GetCacheInfo() const override { return Throw(0), TestCache::GetCacheInfo(); }
+  Json::Value GetDefaultValue() const override { return Throw(1), TestCache::GetDefaultValue(); }
+  bool GetUpdatedData(Json::Value& data) const override {
+    return Throw(2), TestCache::GetUpdatedData(data);
+  }
+  bool IsValidData(const Json::Value& data) const override {
+    return Throw(3), TestCache::IsValidData(data);
+  }
+  bool IsNeedUpdate(const Json::Value&) const override { return Throw(4), true; }
+  const int where, kind;
+};
+
+TEST_F(CacheUpdater, ExceptionsOfCallbacksStayInside) {
+  LogCapture quiet;
+  for (int where = 0; where < 5; ++where) {
+    for (int kind = 0; kind < 3; ++kind) {
+      SCOPED_TRACE(std::to_string(where) + "/" + std::to_string(kind));
+      ThrowingCache cache(dir.path(), where, kind);
+      EXPECT_NO_THROW(cache.Read());
+      EXPECT_NO_THROW(cache.Update());
+      EXPECT_NO_THROW(cache.UpdateWithData(Data(1)));
+      EXPECT_NO_THROW(cache.DoUpdate());
+      EXPECT_NO_THROW(cache.IsUpdatedDataRequired());
+      EXPECT_NO_THROW(cache.GetCachedData());
+      EXPECT_FALSE(Exists(cache.GetCachePath() + ".pid"));
+      cache.Remove();
+    }
+  }
 }
 
 }  // namespace

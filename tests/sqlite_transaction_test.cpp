@@ -397,6 +397,16 @@ TEST_F(SqliteTransactionContention, BeginAndCommitAreRetriedWhenBusy) {
              "INFO Exec: t Exec cmd: INSERT INTO job (id,name) VALUES (2,'b');",
              "INFO Exec: t Exec cmd success",
              "INFO Exec: After retry [1] times, success to exec command [COMMIT]"}));
+  // A COMMIT that fails while SQLite keeps the transaction open leaves the
+  // guard active, so that its rollback still ends the transaction.
+  SqliteTransaction held(impatient);
+  WhileHeld(kReader, 1500, [&] {
+    ASSERT_TRUE(held.Begin() && impatient.InsertRecord(Job(3, "c")));
+    EXPECT_FALSE(held.Commit());
+    EXPECT_TRUE(held.IsActive());
+  });
+  EXPECT_TRUE(held.Rollback());
+  EXPECT_EQ(Count(db), 2);
 }
 
 TEST_F(SqliteTransactionContention, BatchesStartOverFromBeginWhenBusy) {
