@@ -511,27 +511,12 @@ const std::vector<Faults::Call> kFileCalls = {
     Faults::kRename, Faults::kUnlink, Faults::kFlock, Faults::kFork,  Faults::kPipe2};
 
 // In memory when /dev/shm allows: the walk syncs thousands of files.
-class WalkDir {
- public:
-  WalkDir() {
-    for (const char* stem : {"/dev/shm/vantdr_walk.XXXXXX", "/tmp/vantdr_walk.XXXXXX"}) {
-      std::string path = stem;
-      if (mkdtemp(&path[0]) != nullptr) {
-        path_ = path;
-        break;
-      }
-    }
-  }
+struct WalkDir : TempDir {
+  WalkDir() : TempDir("/dev/shm") {}
   ~WalkDir() {
-    if (path_.empty()) return;
     std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-    std::filesystem::remove_all("/tmp/.vantdr_lock" + path_, ignored);
+    std::filesystem::remove_all("/tmp/.vantdr_lock" + path(), ignored);
   }
-  const std::string& path() const { return path_; }
-
- private:
-  std::string path_;
 };
 
 class FaultWalk : public ::testing::Test {
@@ -548,7 +533,6 @@ class FaultWalk : public ::testing::Test {
 TEST_F(FaultWalk, FilesLocksCachesAndDatabases) {
   if (geteuid() != 0) GTEST_SKIP() << "the lock directory and the cache need root";
   WalkDir dir;
-  ASSERT_FALSE(dir.path().empty());
   const std::string lock = UniqueName("walk_lock");
   Walker walker(dir.path(), kFileCalls);
   for (const auto& ops : {FileOperations(dir.path()), LockAndCacheOperations(dir.path(), lock),
@@ -563,7 +547,6 @@ TEST_F(FaultWalk, FilesLocksCachesAndDatabases) {
 TEST_F(FaultWalk, PrivilegedSectionsOfAnotherUser) {
   if (geteuid() != 0) GTEST_SKIP() << "switching users needs root";
   WalkDir dir;
-  ASSERT_FALSE(dir.path().empty());
   chmod(dir.path().c_str(), 0777);
   const std::string report = dir.path() + "/report", lock = UniqueName("walk_lock");
   const ChildResult child = RunUnprivileged([&] {
@@ -599,7 +582,6 @@ TEST_F(FaultWalk, PrivilegedSectionsOfAnotherUser) {
 // EINTR is no failure: the interrupted read or write is made again.
 TEST(Interrupted, ReadsAndWritesAreMadeAgain) {
   WalkDir dir;
-  ASSERT_FALSE(dir.path().empty());
   const std::string doc = dir.path() + "/doc.json", pid = dir.path() + "/pid";
   Json::Value read;
   const struct {
@@ -627,7 +609,6 @@ TEST(Interrupted, ReadsAndWritesAreMadeAgain) {
 
 class HugeInput : public ::testing::Test {
  protected:
-  void SetUp() override { ASSERT_FALSE(dir.path().empty()); }
   std::string File(const std::string& name) const { return dir.path() + "/" + name; }
   WalkDir dir;
 };
@@ -691,7 +672,6 @@ TEST_F(HugeInput, FailedAllocationsBecomeFailureResults) {
   Walker walker(dir.path(), {});
   for (const Operation& op : ops) walker.WalkAllocations(op);
   for (const std::string& problem : walker.result().problems) ADD_FAILURE() << problem;
-  std::filesystem::remove_all("/tmp/.vantdr_lock" + dir.path());
 }
 
 }  // namespace
