@@ -37,7 +37,7 @@ TEST(JsonTextTest, AcceptsExactlyRfc8259) {
   const char* rejected[] = {
       "", " ", "{", "[1,]", "{\"a\":1,}", "{\"a\" 1}", "{a:1}", "['x']", "01", "1.", ".5", "+1",
       "-", "1e", "0x10", "NaN", "Infinity", "tru", "nul", "{} {}", "1 2", "[1] x", "// c\n1",
-      "/* c */ 1", "1 // trailing", "\"tab\there\"", "\"\\x\"", "\"\\u12g4\"", "\"unterminated",
+      "/* c */ 1", "1 // trailing", "\"tab\there\"", "\"\x01n\"", "\"\\x\"", "\"\\u12g4\"", "\"unterminated",
       "[1,,2]", "{\"a\"}", "1e999", "-1e999", "\"\\ud800\"", "\"\\ud800xxxxxx\"",
       "\"\\ud800\\n\\u0041\"",
   };

@@ -26,7 +26,7 @@ std::string Ids(const std::vector<SqliteValueList>& rows) {
   return ids;
 }
 
-// SQLITE_BUSY on the third row: rows read stay; no retry gives 405, one retry appends all rows.
+// Contention on the third row: rows read stay; no retry gives 405, one retry appends all rows.
 TEST(SqliteFaults, BusyInTheMiddleOfSelectRecords) {
   TempDir dir;
   const std::string path = dir.File("busy.db");
@@ -43,26 +43,30 @@ TEST(SqliteFaults, BusyInTheMiddleOfSelectRecords) {
   ASSERT_EQ(Ids(rows), "1,2,3,4,5");
   LogCapture log;
   const std::string sql = AllJobs().GetCommand();
-  const std::string busy =
-      R"({"err_code":405,"err_msg":{"sqlite_errcode":5,"sqlite_errmsg":"another row available"}})";
-  for (unsigned retryLimit : {0u, 1u}) {
-    SqliteDB db(path, retryLimit, "busy");
-    rows.clear();
-    log.Clear();
-    Faults::Arm();
-    Faults::FailStep(thirdRow, SQLITE_BUSY);
-    const bool ok = db.SelectRecords(AllJobs(), rows);
-    Faults::Disarm();
-    EXPECT_EQ(ok, retryLimit == 1);
-    EXPECT_EQ(Ids(rows), retryLimit == 0 ? "1,2" : "1,2,1,2,3,4,5");
-    EXPECT_EQ(JsonToString(db.GetErr()), retryLimit == 0 ? busy : R"({"err_code":0})");
-    EXPECT_EQ(log.Summary(),
-              (std::vector<std::string>{
-                  retryLimit == 0 ? "ERR SelectByCommand: Reach retry limit [1], failed to exec "
-                                    "command [" +
-                                        sql + "] with err [" + busy + "]"
-                                  : "INFO SelectByCommand: After retry [1] times, success to "
-                                    "select command"}));
+  // BUSY and LOCKED are both contention: 405 and a retry.
+  for (const int result : {SQLITE_BUSY, SQLITE_LOCKED}) {
+    for (unsigned retryLimit : {0u, 1u}) {
+      SqliteDB db(path, retryLimit, "busy");
+      rows.clear();
+      log.Clear();
+      Faults::Arm();
+      Faults::FailStep(thirdRow, result);
+      const bool ok = db.SelectRecords(AllJobs(), rows);
+      Faults::Disarm();
+      const std::string err = R"({"err_code":405,"err_msg":{"sqlite_errcode":)" +
+                              std::to_string(result) +
+                              R"(,"sqlite_errmsg":"another row available"}})";
+      EXPECT_EQ(ok, retryLimit == 1);
+      EXPECT_EQ(Ids(rows), retryLimit == 0 ? "1,2" : "1,2,1,2,3,4,5");
+      EXPECT_EQ(JsonToString(db.GetErr()), retryLimit == 0 ? err : R"({"err_code":0})");
+      EXPECT_EQ(log.Summary(),
+                (std::vector<std::string>{
+                    retryLimit == 0 ? "ERR SelectByCommand: Reach retry limit [1], failed to "
+                                      "exec command [" +
+                                          sql + "] with err [" + err + "]"
+                                    : "INFO SelectByCommand: After retry [1] times, success to "
+                                      "select command"}));
+    }
   }
 }
 

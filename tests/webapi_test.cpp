@@ -39,6 +39,8 @@ TEST(Request, EnvelopeRenderingAndValidity) {
   r.setRequest(Parse(R"({"api":5,"method":"get","version":"3","x":true})"));
   EXPECT_EQ(R"(A/get/-3 {"api":5,"version":"3","x":true} 120 plain |)", State(r));
   EXPECT_EQ(R"({"api":"A","method":"get","version":-3,"x":true})", JsonToString(r.toJson()));
+  r.setRequest(Parse(R"({"version":2.5})"));  // not an int: a parameter
+  EXPECT_EQ(R"(A/get/-3 {"version":2.5} 120 plain |)", State(r));
   r.setRequest(Parse(R"({"y":1,"version":4})"));  // replaces, does not merge
   EXPECT_EQ(R"(A/get/4 {"y":1} 120 plain |)", State(r));
 }
