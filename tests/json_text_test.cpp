@@ -77,6 +77,8 @@ TEST(JsonTextTest, ReadsNumbersAndEscapesToTheirTypes) {
       {"\"\\ud83d\\ude00\"", Json::stringValue, "\"\xf0\x9f\x98\x80\""},
       {"\"\\ud800\\u0041\"", Json::stringValue, "\"\xf0\x90\x81\x81\""},  // any second half
       {"\"\\udc00\"", Json::stringValue, "\"\xed\xb0\x80\""},
+      {"\"\\u007f\\u0080\\u07ff\\u0800\"", Json::stringValue,
+       "\"\x7f\xc2\x80\xdf\xbf\xe0\xa0\x80\""},  // the edges of each UTF-8 length
       {"\"\\u00E9\\uD83D\\uDE00\"", Json::stringValue, "\"\xc3\xa9\xf0\x9f\x98\x80\""},
       {"\"a\\u0000b\\/\"", Json::stringValue, "\"a\\u0000b/\""},
       {"{\"k\":[1],\"k\":{\"x\":2}}", Json::objectValue, "{\"k\":{\"x\":2}}"},
