@@ -122,7 +122,11 @@ TEST(SqliteBatch, WritesExactlyTheRowsOfOneByOneWrites) {
   inserts.push_back(row);
   inserts.push_back(inserts[3]);  // the same statement shape twice more
   inserts.push_back(inserts[3]);
+  // "?1" in a condition is text, never a parameter: it binds nothing here.
+  UpdateCommand marked = Update(kEvents, "k", std::string("key"), "k = ?1");
+  marked.AddFieldValue("v", 8);
   const std::vector<UpdateCommand> updates = {
+      marked,
       Update(kKinds, "n", std::string("2"), "u='b'"),
       Update(kKinds, "s", std::string("x"), "u != 'c' AND s != 'a:b'"),  // a colon
       Update(kKinds, "d", 1, ""),                                        // every row
@@ -138,7 +142,7 @@ TEST(SqliteBatch, WritesExactlyTheRowsOfOneByOneWrites) {
   EXPECT_EQ(batch.GetLastInsertRowId(), single.GetLastInsertRowId());
   ASSERT_TRUE(batch.UpdateRecords(updates));
   EXPECT_EQ(log.Summary(), (Lines{"INFO ExecBatch: t Exec batch of 10 commands success",
-                                  "INFO ExecBatch: t Exec batch of 5 commands success"}));
+                                  "INFO ExecBatch: t Exec batch of 6 commands success"}));
   // Byte for byte what the one-by-one writes stored, storage classes included.
   EXPECT_EQ(Dump(tmp.File("batch.db")), Dump(tmp.File("single.db")));
 
@@ -407,6 +411,19 @@ TEST_F(SqliteTransactionContention, BeginAndCommitAreRetriedWhenBusy) {
   });
   EXPECT_TRUE(held.Rollback());
   EXPECT_EQ(Count(db), 2);
+}
+
+// In a transaction the caller began with a plain BEGIN, a batch takes its
+// write lock late: contention then fails it at once, with no retry outside
+// the caller's transaction.
+TEST_F(SqliteTransactionContention, BatchInTheCallersBeginIsNotRetried) {
+  WhileHeld("BEGIN IMMEDIATE", 1500, [&] {
+    ASSERT_TRUE(db.Exec("BEGIN"));
+    EXPECT_FALSE(db.InsertRecords(Jobs(2, 2)));
+    EXPECT_EQ(db.GetErrCode(), 405);
+    EXPECT_TRUE(db.Exec("ROLLBACK"));
+  });
+  EXPECT_EQ(Count(impatient), 1);
 }
 
 TEST_F(SqliteTransactionContention, BatchesStartOverFromBeginWhenBusy) {
