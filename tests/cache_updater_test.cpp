@@ -154,12 +154,11 @@ TEST_F(CacheUpdater, DescriptorReusedBeforeTheForkStaysTheCallers) {
   int news[2];
   ASSERT_EQ(pipe(news), 0);
   const std::string name = UniqueName("reused");
-  int reused = -1;
+  const int reused = open("/dev/null", O_RDONLY);  // the number the lock file takes next
+  close(reused);
   {
     FileLock lock(name);
     ASSERT_TRUE(lock.lock(LOCK_EX | LOCK_NB, 0));
-    reused = open("/dev/null", O_RDONLY);  // the lock file's number is the next free one
-    close(reused);
   }
   ASSERT_EQ(dup2(news[1], reused), reused);
   close(news[1]);
