@@ -48,6 +48,7 @@ TEST_F(CacheUpdater, SimultaneousStaleReadersFetchOnceAndAKilledUpdaterBlocksNot
   EXPECT_EQ(cache.Fetches(), 1);
   const pid_t updater = VLIBCReadPidFile(pidPath.c_str());
   ASSERT_GT(updater, 0);
+  EXPECT_NE(getsid(updater), getsid(0));  // detached from the caller's session
   ASSERT_EQ(kill(updater, SIGKILL), 0);
   ASSERT_TRUE(WaitFor([&] { return VLIBCProcAlive(updater) != 1; }, 5));
   EXPECT_EQ(VLIBCReadPidFile(pidPath.c_str()), updater);  // left behind by the dead updater

@@ -159,6 +159,10 @@ TEST(HostileInput, TextsJsonFilesCacheFilesAndKeyValueFiles) {
     EXPECT_TRUE(cache.Read() == row.data && cache.GetMaxUpdateTime() == row.max);
     EXPECT_TRUE(cache.UpdateWithData(good));  // a hostile "max_updated_time" counts as 0
     EXPECT_TRUE(cache.Read() == good && cache.GetMaxUpdateTime() == row.max);
+    // Types are checked, not left to JsonCpp's exceptions.
+    for (const std::string& line : quiet.Messages("ERR")) {
+      EXPECT_EQ(line.find("Unexpected exception"), std::string::npos) << line;
+    }
   }
   Json::Value value = "kept";
   ASSERT_TRUE(WriteText(dir.File("doc"), "{}"));
