@@ -2,8 +2,10 @@
 // and the privileged section.
 #include <dlfcn.h>
 #include <errno.h>
+#include <signal.h>
 #include <stdlib.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -20,6 +22,7 @@
 #include "support/log_capture.h"
 #include "support/process.h"
 #include "support/temp_dir.h"
+#include "vantcore/vlibc.h"
 #include "vantdr/error.h"
 #include "vantdr/json_text.h"
 #include "vantdr/log.h"
@@ -314,6 +317,24 @@ TEST(PrivilegedSectionTest, RaisesOnlyWhatIsNeededRestoresEffectiveIdsAndLogsFai
                    "ids 65534,65534,65534 65534,65534,65534",
                    "35 WHERE ERROR: setresgid(-1, 0, -1) [Operation not permitted]",
                    "35 WHERE ERROR: ENTERCriticalSection"}));
+}
+
+}  // namespace
+
+namespace {
+
+// Platform calls the cache's updater and the utilities rely on, where the
+// platform tests do not look: signals and two streams open at once.
+TEST(PlatformProcesses, KilledProgramsAndTwoStreams) {
+  EXPECT_EQ(VLIBCExec("/bin/sh", "-c", "kill -TERM $$", nullptr, nullptr), 128 + SIGTERM);
+  FILE* first = VLIBCPopen("/bin/sh", "r", "-c", "exit 3", static_cast<const char*>(nullptr));
+  FILE* second = VLIBCPopen("/bin/echo", "r", "two", static_cast<const char*>(nullptr));
+  ASSERT_TRUE(first != nullptr && second != nullptr);
+  const int status = VLIBCPclose(first);  // the first one's child, not the last one's
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 3) << status;
+  char line[8] = {0};
+  EXPECT_TRUE(fgets(line, sizeof line, second) != nullptr && std::string(line) == "two\n");
+  EXPECT_EQ(VLIBCPclose(second), 0);
 }
 
 }  // namespace
