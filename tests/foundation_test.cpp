@@ -335,6 +335,15 @@ TEST(PlatformProcesses, KilledProgramsAndTwoStreams) {
   EXPECT_EQ(VLIBCPclose(second), 0);  // the newer stream's own child
   const int status = VLIBCPclose(first);
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 3) << status;
+  // 64 arguments at most; one more is refused, not written past the vector.
+#define A8 "a", "a", "a", "a", "a", "a", "a", "a"
+#define A64 A8, A8, A8, A8, A8, A8, A8, A8
+  const char* end = nullptr;
+  FILE* most = VLIBCPopen("/bin/true", "r", A64, end);
+  EXPECT_TRUE(most != nullptr && VLIBCPclose(most) == 0);
+  EXPECT_EQ(VLIBCPopen("/bin/true", "r", A64, "b", end), nullptr);
+#undef A64
+#undef A8
 }
 
 }  // namespace
