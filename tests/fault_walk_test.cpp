@@ -539,27 +539,12 @@ const std::vector<Faults::Call> kFileCalls = {
     Faults::kRename, Faults::kUnlink, Faults::kFlock, Faults::kFork,  Faults::kPipe2};
 
 // In memory when /dev/shm allows: the walk syncs thousands of files.
-class WalkDir {
- public:
-  WalkDir() {
-    for (const char* stem : {"/dev/shm/vantdr_walk.XXXXXX", "/tmp/vantdr_walk.XXXXXX"}) {
-      std::string path = stem;
-      if (mkdtemp(&path[0]) != nullptr) {
-        path_ = path;
-        break;
-      }
-    }
-  }
+struct WalkDir : TempDir {
+  WalkDir() : TempDir("/dev/shm") {}
   ~WalkDir() {
-    if (path_.empty()) return;
     std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-    std::filesystem::remove_all("/tmp/.vantdr_lock" + path_, ignored);
+    std::filesystem::remove_all("/tmp/.vantdr_lock" + path(), ignored);
   }
-  const std::string& path() const { return path_; }
-
- private:
-  std::string path_;
 };
 
 class FaultWalk : public ::testing::Test {
@@ -576,7 +561,6 @@ class FaultWalk : public ::testing::Test {
 TEST_F(FaultWalk, FilesLocksCachesAndDatabases) {
   if (geteuid() != 0) GTEST_SKIP() << "the lock directory and the cache need root";
   WalkDir dir;
-  ASSERT_FALSE(dir.path().empty());
   const std::string lock = UniqueName("walk_lock");
   Walker walker(dir.path(), kFileCalls);
   for (const auto& ops : {FileOperations(dir.path()), LockAndCacheOperations(dir.path(), lock),
@@ -591,7 +575,6 @@ TEST_F(FaultWalk, FilesLocksCachesAndDatabases) {
 TEST_F(FaultWalk, PrivilegedSectionsOfAnotherUser) {
   if (geteuid() != 0) GTEST_SKIP() << "switching users needs root";
   WalkDir dir;
-  ASSERT_FALSE(dir.path().empty());
   chmod(dir.path().c_str(), 0777);
   const std::string report = dir.path() + "/report", lock = UniqueName("walk_lock");
   const ChildResult child = RunUnprivileged([&] {
@@ -624,36 +607,39 @@ TEST_F(FaultWalk, PrivilegedSectionsOfAnotherUser) {
   unlink(FileLock::getLockFilePath(lock).c_str());
 }
 
+// EINTR is no failure: the interrupted read or write is made again.
+TEST(Interrupted, ReadsAndWritesAreMadeAgain) {
+  WalkDir dir;
+  const std::string doc = dir.path() + "/doc.json", pid = dir.path() + "/pid";
+  Json::Value read;
+  const struct {
+    const char* name;
+    Faults::Call call;
+    std::function<bool()> run;
+  } rows[] = {
+      {"JsonToFile", Faults::kWrite, [&] { return JsonToFile(Doc(2), doc); }},
+      {"JsonFromFile", Faults::kRead, [&] { return JsonFromFile(read, doc) && read == Doc(2); }},
+      {"pid file", Faults::kWrite, [&] { return VLIBCProcPidFileCreate(pid.c_str()) == 0; }},
+      {"VLIBCReadPidFile", Faults::kRead,
+       [&] { return VLIBCReadPidFile(pid.c_str()) == getpid(); }},
+      {"VLIBCExec", Faults::kRead,
+       [] { return VLIBCExec("/bin/true", nullptr, nullptr, nullptr, nullptr) == 0; }},
+  };
+  for (const auto& row : rows) {
+    Faults::Arm(row.call, 1, EINTR);
+    const bool ok = row.run();
+    const bool fired = Faults::Fired();
+    Faults::Disarm();
+    EXPECT_TRUE(ok && fired) << row.name;
+  }
+  EXPECT_EQ(ReadDoc(doc), Doc(2));
+}
+
 class HugeInput : public ::testing::Test {
  protected:
-  void SetUp() override { ASSERT_FALSE(dir.path().empty()); }
   std::string File(const std::string& name) const { return dir.path() + "/" + name; }
   WalkDir dir;
 };
-
-// A line is cut at 64 KiB and says how long it was; shorter lines are whole.
-TEST_F(HugeInput, LogLinesAreCutAt64KiB) {
-  const std::string path = File("kv"), line(100 * 1024, 'x');
-  ASSERT_TRUE(WriteText(path, line + "\nk=v\n"));
-  LogCapture log;
-  std::map<std::string, std::string> map;
-  EXPECT_EQ(File::Read(path, map), 1);
-  ASSERT_EQ(log.Lines().size(), 2u);
-  const std::vector<std::string> messages = {
-      "Cannot find separator[=] in line[" + line + "]",
-      "Failed to parse line[" + line + "] from file [" + path + "]"};
-  for (size_t i = 0; i < 2; ++i) {
-    const LogLine& cut = log.Lines()[i];
-    EXPECT_TRUE(CarriesMessage(cut, messages[i])) << i;
-    EXPECT_EQ(cut.text.substr(64 * 1024, 9), "...[cut, ") << i;
-  }
-  log.Clear();
-  const std::string fits(64 * 1024 - 200, 'y');
-  ASSERT_TRUE(WriteText(path, fits + "\n"));
-  EXPECT_EQ(File::Read(path, map), 0);
-  ASSERT_EQ(log.Lines().size(), 2u);
-  EXPECT_EQ(log.Lines()[0].message, "Cannot find separator[=] in line[" + fits + "]");
-}
 
 // Each input-sized allocation fails in turn: a result, no throw, old document kept.
 TEST_F(HugeInput, FailedAllocationsBecomeFailureResults) {
@@ -714,7 +700,6 @@ TEST_F(HugeInput, FailedAllocationsBecomeFailureResults) {
   Walker walker(dir.path(), {});
   for (const Operation& op : ops) walker.WalkAllocations(op);
   for (const std::string& problem : walker.result().problems) ADD_FAILURE() << problem;
-  std::filesystem::remove_all("/tmp/.vantdr_lock" + dir.path());
 }
 
 }  // namespace

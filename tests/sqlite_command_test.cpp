@@ -1,14 +1,222 @@
+// Values, records, conditions and the statement builders: the SQL text they
+// give and the lines they log.
 #include "vantdr/sqlite_command.h"
 
 #include <gtest/gtest.h>
 
+#include <climits>
+#include <string>
+#include <vector>
+
 #include "support/log_capture.h"
+#include "vantdr/sqlite_condition.h"
+#include "vantdr/sqlite_value.h"
 
 using namespace VantDRCore;
 using VantDRTest::LogCapture;
 using Lines = std::vector<std::string>;
 
 namespace {
+
+const long long k2p32 = 4294967296LL;
+
+TEST(SqliteValue, FormatsEachPayloadAsSqlLiteral) {
+  // Integers outside both 32-bit ranges stay valid and readable, yet format to "".
+  const SqliteValue values[] = {SqliteValue(),        SqliteValue(true),      SqliteValue(false),
+                                SqliteValue(INT_MIN), SqliteValue(UINT_MAX),  SqliteValue(k2p32),
+                                SqliteValue(-k2p32),  SqliteValue(ULLONG_MAX)};
+  Lines texts;
+  for (const SqliteValue& value : values) texts.push_back(value.ToFormatedValue());
+  EXPECT_EQ((Lines{"", "1", "0", "-2147483648", "4294967295", "", "", ""}), texts);
+  // Assignment moves the payload only: the target keeps its own flag.
+  SqliteValue target;
+  target = SqliteValue(5);
+  EXPECT_FALSE(target.IsValid());
+  EXPECT_EQ("5", target.ToFormatedValue());
+  // So an IN list filled by assignment is refused; typed construction works.
+  std::vector<SqliteValue> assigned(2);
+  assigned[0] = SqliteValue(1);
+  assigned[1] = SqliteValue(2);
+  LogCapture log;
+  SqliteIn refused("id", assigned);
+  EXPECT_EQ("", refused.GetText());
+  EXPECT_EQ(std::vector<std::string>{"Invalid rvalue [1]"}, log.Messages("ERR"));
+  EXPECT_EQ("id IN ( 1,2 )", SqliteIn("id", {SqliteValue(1), SqliteValue(2)}).GetText());
+}
+
+// No `warn`: the read succeeds, silently, and turns `out` from T{} into `want`.
+// Otherwise it fails with that WARN line and `want`, already in `out`, survives.
+template <typename T>
+void ExpectRead(const SqliteValue& value, T want, const std::string& warn = "") {
+  LogCapture log;
+  T out = warn.empty() ? T{} : want;
+  EXPECT_EQ(warn.empty(), value.GetValue(out)) << warn;
+  EXPECT_EQ(want, out);
+  EXPECT_EQ(warn.empty() ? Lines{} : Lines{"WARN GetValue: " + warn}, log.Summary());
+}
+
+TEST(SqliteValue, GetValueAcceptsMatchingPayloadsAndRefusesOthers) {
+  const SqliteValue text(std::string("x")), one(1), minus(-1), over31(2147483648LL);
+  const SqliteValue over32(k2p32), top(ULLONG_MAX);
+
+  ExpectRead<std::string>(text, "x");
+  ExpectRead<std::string>(one, "kept", "[1] is not string");
+
+  ExpectRead<int>(minus, -1);
+  ExpectRead<int>(text, 7, "[\"x\"] is not int");
+  ExpectRead<int>(over31, 7, "[2147483648] is not int");
+  ExpectRead<int>(SqliteValue(-2147483649LL), 7, "[-2147483649] is not int");
+
+  ExpectRead<unsigned int>(over31, 2147483648U);
+  ExpectRead<unsigned int>(minus, 7U, "[-1] is not int");
+  ExpectRead<unsigned int>(over32, 7U, "[4294967296] is not int");
+
+  ExpectRead<long>(SqliteValue(LONG_MIN), LONG_MIN);
+  ExpectRead<long>(top, 7L, "[18446744073709551615] is not int");
+  ExpectRead<long long>(over32, k2p32);
+  ExpectRead<long long>(top, 7LL, "[18446744073709551615] is not int");
+
+  ExpectRead<unsigned long>(SqliteValue(ULONG_MAX), ULONG_MAX);
+  ExpectRead<unsigned long>(minus, 7UL, "[-1] is not int");
+  ExpectRead<unsigned long long>(top, ULLONG_MAX);
+  ExpectRead<unsigned long long>(SqliteValue(LLONG_MIN), 7ULL, "[-9223372036854775808] is not int");
+
+  ExpectRead<bool>(SqliteValue(true), true);
+  ExpectRead<bool>(one, true);
+  ExpectRead<bool>(SqliteValue(0), false);
+  ExpectRead<bool>(SqliteValue(2), true, "[2] is not bool");
+  ExpectRead<bool>(minus, true, "[-1] is not bool");
+  ExpectRead<bool>(text, false, "[\"x\"] is not bool");
+}
+
+struct Job : SqliteRecord {
+  SqliteValueList ToSqliteValueList(const std::vector<std::string>& fields) const override {
+    SqliteValueList record;
+    for (const std::string& field : fields) record.AddValue(field, SqliteValue(field));
+    return record;
+  }
+  std::vector<std::string> GetFieldNames() const override { return {"name", "id"}; }
+};
+
+TEST(SqliteValueList, AddsMergesLooksUpAndLogsExactLines) {
+  LogCapture log;
+  SqliteValueList record = Job().ToSqliteRecord(), other;
+  EXPECT_EQ("id:'id', name:'name'", record.ToStr());
+  EXPECT_FALSE(record.AddValue("a", SqliteValue()) || record.AddValue("", SqliteValue(5)));
+  EXPECT_EQ("", other.ToStr());
+  other.AddValue("id", SqliteValue(3));
+  other.AddValue("Z", SqliteValue(true));
+  record += other;  // the entries of `other` win; byte order puts Z first
+  EXPECT_EQ("Z:1, id:3, name:'name'", record.ToStr());
+  int id = 0;
+  std::string text;
+  EXPECT_EQ("3", record.GetValue("id").ToFormatedValue());
+  EXPECT_FALSE(record.GetValue("").IsValid() || record.GetValue("nope").IsValid());
+  EXPECT_TRUE(record.GetValue("id", id) && id == 3);
+  EXPECT_FALSE(record.GetValue("id", text) || record.GetValue("nope", id) ||
+               record.GetValue("", id));
+  EXPECT_TRUE(record.HasField("id"));
+  EXPECT_FALSE(record.HasField("nope") || record.HasField(""));
+  EXPECT_EQ(
+      (Lines{"ERR AddValue: Bad Field[a] or value []", "ERR AddValue: Bad Field[] or value [5]",
+             "ERR GetValue: Invalid field []", "WARN GetValue: Failed to find field [nope]",
+             "WARN GetValue: [3] is not string", "DEBUG GetValue: field [nope] is not existed",
+             "ERR GetValue: Invalid field []", "ERR HasField: Invalid field []"}),
+      log.Summary());
+}
+
+TEST(SqliteCondition, BuildsTheDocumentedTexts) {
+  LogCapture log;
+  EXPECT_EQ("id=5", SqliteEqual("id", SqliteValue(5)).GetText());
+  EXPECT_EQ("name!='a''b'", SqliteNotEqual("name", SqliteValue(std::string("a'b"))).GetText());
+  EXPECT_EQ("(id=5) AND (state=1)", SqliteAnd("id=5", "state=1").GetText());
+  EXPECT_EQ("(a=1) OR (b IS NULL)", SqliteOr(SqliteEqual("a", 1), SqliteIsNull("b")).GetText());
+  EXPECT_EQ("id IN ( 1,2,3 )", SqliteIn("id", {1, 2, 3}).GetText());
+  EXPECT_EQ("n IN ( 'x','it''s' )",
+            SqliteIn("n", {std::string("x"), std::string("it's")}).GetText());
+  EXPECT_EQ("id NOT IN ( 1,2 )", SqliteNotIn("id", "1,2").GetText());
+  EXPECT_EQ("id NOT IN (  )", SqliteNotIn("id", std::vector<SqliteValue>()).GetText());
+  EXPECT_EQ("deleted_time IS NULL", SqliteIsNull("deleted_time").GetText());
+  EXPECT_EQ("raw < 3", SqliteCondition("raw < 3").GetText());
+  EXPECT_TRUE(log.Lines().empty());
+}
+
+TEST(SqliteCondition, RefusalsKeepTheTextAndLogOnce) {
+  LogCapture log;
+  SqliteEqual equal("id", SqliteValue(1));
+  EXPECT_FALSE(equal.SetValue("", SqliteValue(5)) || equal.SetValue("id", SqliteValue()));
+  EXPECT_EQ("id=1", equal.GetText());
+  EXPECT_TRUE(equal.SetValue("b", SqliteValue(true)));  // replaces the text
+  EXPECT_FALSE(SqliteNotEqual("", SqliteValue(std::string("v"))).IsValid());
+  // And/Or append a group per call, and keep the text when a side is empty.
+  SqliteAnd both("a=1", "b=2");
+  EXPECT_TRUE(both.SetValue("c=3", "d=4"));
+  EXPECT_FALSE(both.SetValue("", "x"));
+  EXPECT_FALSE(SqliteOr(SqliteCondition(), SqliteIsNull("b")).IsValid());
+  // IsNull never reports success; IsValid() tells whether the text was built.
+  SqliteIsNull isNull;
+  EXPECT_FALSE(isNull.SetValue("x") || isNull.SetValue(""));
+  EXPECT_TRUE(isNull.IsValid());
+  EXPECT_EQ((Lines{"b=1", "(a=1) AND (b=2)(c=3) AND (d=4)", "x IS NULL"}),
+            (Lines{equal.GetText(), both.GetText(), isNull.GetText()}));
+  EXPECT_EQ(
+      (Lines{"ERR SetValue: Bad lvalue[] or rvalue[5]", "ERR SetValue: Bad lvalue[id] or rvalue[]",
+             "ERR SetValue: Bad lvalue[] or rvalue['v']", "ERR SetValue: Bad lvalue[] or rvalue[x]",
+             "ERR SetValue: Bad lvalue[] or rvalue[b IS NULL]", "ERR SetValue: Bad lvalue[]"}),
+      log.Summary());
+}
+
+TEST(SqliteCondition, InFamilyValidityFollowsTheKeywordOnly) {
+  LogCapture log;
+  SqliteIn in;
+  EXPECT_TRUE(in.IsValid());
+  EXPECT_EQ("", in.GetText());
+  EXPECT_TRUE(in.SetValue("id", {1, 2}));
+  // One invalid value empties the text, not just the new list.
+  EXPECT_FALSE(in.SetValue("id", {SqliteValue(1), SqliteValue(), SqliteValue(3)}));
+  EXPECT_EQ("", in.GetText());
+  EXPECT_TRUE(in.SetValue("id", "7"));
+  EXPECT_FALSE(in.SetValue("", {1}) || in.SetValue("id", ""));
+  EXPECT_EQ("id IN ( 7 )", in.GetText());
+  EXPECT_TRUE(SqliteNotIn("", "1").IsValid());
+  SqliteInFamily lower("in", "id", "1");
+  EXPECT_FALSE(lower.IsValid());
+  EXPECT_EQ("", lower.GetText());
+  EXPECT_FALSE(SqliteInFamily("NOT IN ").SetValue("id", {1}));
+  EXPECT_EQ(
+      (Lines{"ERR SetValue: Invalid rvalue []", "ERR SetValue: Bad lvalue[]",
+             "ERR SetValue: Bad lvalue[id] or value[]", "ERR SetValue: Bad lvalue[] or value[1]",
+             "ERR SetValue: Bad keyword [in]", "ERR SetValue: Bad keyword [NOT IN ]"}),
+      log.Summary());
+}
+
+TEST(SqliteCondition, ComparisonsAndLikeFollowEqual) {
+  LogCapture log;
+  EXPECT_EQ(
+      (Lines{"a<5", "a<=-3", "size>4000000000", "ok>=1", "name LIKE 'x%'", "name LIKE 'it''s _%'"}),
+      (Lines{SqliteLess("a", 5).GetText(), SqliteLessEqual("a", -3).GetText(),
+             SqliteGreater("size", 4000000000u).GetText(), SqliteGreaterEqual("ok", true).GetText(),
+             SqliteLike("name", std::string("x%")).GetText(),
+             SqliteLike("name", std::string("it's _%")).GetText()}));
+  EXPECT_TRUE(log.Lines().empty());
+  // Refusals keep the text (empty when constructing) and log from SetValue.
+  SqliteLess less("a", 1);
+  EXPECT_FALSE(less.SetValue("", 2) || less.SetValue("b", SqliteValue()));
+  EXPECT_EQ("a<1", less.GetText());
+  EXPECT_TRUE(less.SetValue("b", 2));  // replaces, never appends
+  EXPECT_EQ("b<2", less.GetText());
+  const SqliteLessEqual noField("", 1);
+  const SqliteGreater noValue("a", SqliteValue());
+  const SqliteGreaterEqual big("a", SqliteValue(1LL << 33));  // valid: formats to ""
+  const SqliteLike noPattern("", std::string("%"));
+  EXPECT_FALSE(noField.IsValid() || noValue.IsValid() || noPattern.IsValid());
+  EXPECT_EQ("a>=", big.GetText());
+  EXPECT_EQ(
+      (Lines{"ERR SetValue: Bad lvalue[] or rvalue[2]", "ERR SetValue: Bad lvalue[b] or rvalue[]",
+             "ERR SetValue: Bad lvalue[] or rvalue[1]", "ERR SetValue: Bad lvalue[a] or rvalue[]",
+             "ERR SetValue: Bad lvalue[] or rvalue['%']"}),
+      log.Summary());
+}
 
 const SqliteTableHandler kJob("job", "id INTEGER PRIMARY KEY, name TEXT");
 
@@ -148,6 +356,23 @@ TEST(DeleteCommand, NeedsConditionOrDeleteAll) {
   EXPECT_TRUE(all.SetCondition("id=1"));
   EXPECT_EQ("DELETE FROM job WHERE id=1;", all.GetCommand());
   EXPECT_EQ(Lines{"ERR SetCondition: Invalid condition"}, log.Summary());
+}
+
+TEST(ImplicitConstruction, ConditionsFromText) {
+  const std::string extra = "state!=0";
+  EXPECT_EQ(SqliteAnd(SqliteEqual("id", 5), extra).GetText(), "(id=5) AND (state!=0)");
+  EXPECT_EQ(SqliteOr(extra, SqliteIsNull("x")).GetText(), "(state!=0) OR (x IS NULL)");
+  SqliteCondition condition = extra;
+  EXPECT_TRUE(condition.IsValid() && SqliteCondition(extra).GetText() == "state!=0");
+
+  // Text still picks the text overloads: an empty one is refused silently,
+  // an empty condition object with an ERR line.
+  UpdateCommand update;
+  LogCapture log;
+  EXPECT_FALSE(update.SetCondition(std::string()) || update.SetCondition(""));
+  EXPECT_TRUE(log.Lines().empty());
+  EXPECT_FALSE(update.SetCondition(SqliteCondition()));
+  EXPECT_EQ(log.Summary(), std::vector<std::string>{"ERR SetCondition: Invalid condition"});
 }
 
 }  // namespace

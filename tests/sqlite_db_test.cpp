@@ -7,6 +7,7 @@
 #include <chrono>
 #include <string>
 
+#include "support/jobs.h"
 #include "support/log_capture.h"
 #include "support/process.h"
 #include "support/sqlite_lock.h"
@@ -14,28 +15,13 @@
 #include "vantdr/json_text.h"
 
 using namespace VantDRCore;
+using VantDRTest::AllJobs;
+using VantDRTest::Job;
+using VantDRTest::kJobs;
 using Lines = std::vector<std::string>;
 using Rows = std::vector<SqliteValueList>;
 
 namespace {
-
-const SqliteTableHandler kJobs("job", "id INTEGER PRIMARY KEY, name TEXT");
-
-InsertCommand Job(int id, const std::string& name) {
-  InsertCommand insert;
-  insert.SetTable(kJobs);
-  if (id > 0) insert.AddFieldValue("id", id);
-  insert.AddFieldValue("name", name);
-  return insert;
-}
-
-SelectCommand AllJobs(const SqliteCondition& condition) {
-  SelectCommand select;
-  select.SetTable(kJobs);
-  select.SelectAll();
-  select.SetCondition(condition);
-  return select;
-}
 
 // Attaches `path` as aux, holding a job table with the row (1, 'aux').
 std::string AttachJobs(const std::string& path) {

@@ -24,6 +24,9 @@ pid_t StartChild(const std::function<int()>& body);
 // Waits for a child started by StartChild.
 ChildResult WaitChild(pid_t pid);
 
+// Runs body(i) in `n` children released together; returns how many did not exit 0.
+int RunTogether(int n, const std::function<int(int)>& body);
+
 // As RunInChild, but the child first takes effective user and group 65534
 // with root kept as the saved ids (it may raise itself back to root), or,
 // with `keepSavedRoot` false, drops root from all its ids for good. The

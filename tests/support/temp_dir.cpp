@@ -16,10 +16,15 @@ int RemoveEntry(const char* path, const struct stat*, int, struct FTW*) { return
 
 }  // namespace
 
-TempDir::TempDir() {
-  char pattern[] = "/tmp/vantdr_test.XXXXXX";
-  if (mkdtemp(pattern) == nullptr) std::abort();
-  path_ = pattern;
+TempDir::TempDir(const std::string& parent) {
+  for (const std::string& where : {parent, std::string("/tmp")}) {
+    std::string pattern = where + "/vantdr_test.XXXXXX";
+    if (mkdtemp(&pattern[0]) != nullptr) {
+      path_ = pattern;
+      return;
+    }
+  }
+  std::abort();
 }
 
 TempDir::~TempDir() { nftw(path_.c_str(), RemoveEntry, 16, FTW_DEPTH | FTW_PHYS); }

@@ -7,7 +7,8 @@ namespace VantDRTest {
 
 class TempDir {
  public:
-  TempDir();  // mkdtemp("/tmp/vantdr_test.XXXXXX")
+  // mkdtemp("<parent>/vantdr_test.XXXXXX"), in /tmp when `parent` refuses.
+  explicit TempDir(const std::string& parent = "/tmp");
   ~TempDir();
   TempDir(const TempDir&) = delete;
   TempDir& operator=(const TempDir&) = delete;

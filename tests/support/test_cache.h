@@ -32,13 +32,14 @@ inline bool WaitFor(const std::function<bool()>& done, double seconds = 10) {
   return done();
 }
 
-// Cache "c" in `dir` with a 100 s time-out; valid data is an object with "v".
+// Cache "c" in `dir` with a 100 s time-out by default; valid data is an object with "v".
 // Each fetch appends a line to <dir>/fetches (so fetches in children count
 // too), runs `onFetch`, waits `delayMs` or until <dir>/release exists, and
 // yields {"v":7}, failing when `fail` is set.
 struct TestCache : VantDRCore::Cache {
-  explicit TestCache(const std::string& dir, bool required = false, int retryLimit = 0)
-      : Cache(dir, "c", 100, required, retryLimit), dir(dir) {}
+  explicit TestCache(const std::string& dir, bool required = false, int retryLimit = 0,
+                     long timeout = 100)
+      : Cache(dir, "c", timeout, required, retryLimit), dir(dir) {}
   Json::Value GetCacheInfo() const override { return "test"; }
   Json::Value GetDefaultValue() const override { return fallback; }
   bool GetUpdatedData(Json::Value& data) const override {

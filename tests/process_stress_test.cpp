@@ -1,0 +1,166 @@
+// Many real processes contending for one database, one lock and one cache.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/file.h>
+#include <sys/wait.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <functional>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "support/process.h"
+#include "support/test_cache.h"
+#include "support/timing.h"
+#include "vantdr/file_lock.h"
+#include "vantdr/json_text.h"
+#include "vantdr/sqlite_db.h"
+
+using namespace VantDRCore;
+using namespace VantDRTest;
+
+namespace {
+
+class StressTest : public CacheFixture {};
+
+// Single inserts and batches from 8 processes: a lost row lowers a count, a
+// batch applied twice breaks the UNIQUE constraint.
+TEST_F(StressTest, ConcurrentWritersLoseAndRepeatNoRow) {
+  const SqliteTableHandler table("t",
+                                 "who INTEGER, batch INTEGER, seq INTEGER, "
+                                 "UNIQUE (who, batch, seq)");
+  const int kProcs = 8, kSingles = 100, kBatches = 10, kRowsPerBatch = 50;
+  const int failed = RunTogether(kProcs, [&](int p) {
+    setlogmask(LOG_UPTO(LOG_NOTICE));  // one INFO line per insert otherwise
+    // Retries are ~1 s each; eight syncing writers can starve one for seconds.
+    SqliteDB db(dir.File("s.db"), static_cast<unsigned>(20 * TimeScale()), "stress");
+    for (int b = 0; b <= kBatches; ++b) {
+      std::vector<InsertCommand> commands(b == kBatches ? kSingles : kRowsPerBatch);
+      for (size_t seq = 0; seq < commands.size(); ++seq) {
+        commands[seq].SetTable(table);
+        commands[seq].AddFieldValue("who", p);
+        commands[seq].AddFieldValue("batch", b);
+        commands[seq].AddFieldValue("seq", static_cast<int>(seq));
+        if (b == kBatches && !db.InsertRecord(commands[seq])) return 1;
+      }
+      if (b < kBatches && !db.InsertRecords(commands)) return 2;
+    }
+    return 0;
+  });
+  EXPECT_EQ(failed, 0);
+  SqliteDB db(dir.File("s.db"), 0, "check");
+  for (int p = 0; p < kProcs; ++p) {
+    int own = -1;
+    EXPECT_TRUE(db.GetCount(table, SqliteEqual("who", p), own));
+    EXPECT_EQ(own, kSingles + kBatches * kRowsPerBatch) << p;
+  }
+}
+
+TEST_F(StressTest, FileLockSerialisesCounterIncrements) {
+  const std::string name = UniqueName("stress_counter"), counter = dir.File("counter");
+  ASSERT_TRUE(WriteText(counter, "0"));
+  const int kProcs = 8, kIncrements = 200;
+  EXPECT_EQ(RunTogether(kProcs,
+                        [&](int) {
+                          FileLock lock(name);
+                          for (int i = 0; i < kIncrements; ++i) {
+                            if (!lock.lock(LOCK_EX | LOCK_NB, 10)) return 1;
+                            const int value = std::stoi("0" + ReadText(counter));
+                            if (!WriteText(counter, std::to_string(value + 1))) return 2;
+                            lock.unlock();
+                          }
+                          return 0;
+                        }),
+            0);
+  EXPECT_EQ(ReadText(counter), std::to_string(kProcs * kIncrements));
+  unlink(FileLock::getLockFilePath(name).c_str());
+}
+
+// Fetches {"v": value} after `delayUs`; anything else it serves is a fault.
+struct NumberCache : Cache {
+  NumberCache(const std::string& dir, bool required) : Cache(dir, "n", 100, required, 0) {}
+  Json::Value GetCacheInfo() const override { return "numbers"; }
+  Json::Value GetDefaultValue() const override { return "default"; }
+  bool GetUpdatedData(Json::Value& data) const override {
+    usleep(delayUs);
+    data = Data(value);
+    return true;
+  }
+  bool IsValidData(const Json::Value& data) const override {
+    return data.isObject() && data.isMember("v") && data["v"].isInt();
+  }
+  int value = 0;
+  unsigned delayUs = 0;
+};
+
+// 100 updaters killed at random under 8 readers: no torn or default document
+// served, no process left, the next update completes at once.
+TEST_F(StressTest, UpdatersKilledAtRandomPointsUnderReaders) {
+  NumberCache updater(dir.path(), true);
+  ASSERT_TRUE(updater.UpdateWithData(Data(1)));
+  // The kill window tracks the updaters' pace so kills land before and after the pid file.
+  double window = 0.02;
+  const std::string stop = dir.File("stop");
+  std::vector<pid_t> readers;
+  for (int r = 0; r < 8; ++r) {
+    readers.push_back(StartChild([&] {
+      setlogmask(LOG_UPTO(LOG_NOTICE));
+      NumberCache reader(dir.path(), false);
+      int reads = 0;
+      while (!Exists(stop) || reads == 0) {
+        const Json::Value served = reader.Read();
+        if (!reader.IsValidData(served)) {
+          std::fprintf(stderr, "reader served %s\n", JsonToString(served).c_str());
+          return 1;
+        }
+        ++reads;
+        usleep(1000);
+      }
+      return 0;
+    }));
+  }
+  std::mt19937 random(12345);
+  const std::string pidPath = updater.GetCachePath() + ".pid";
+  int killedMidway = 0, finished = 0;
+  double slowestRestart = 0;
+  for (int i = 0; i < 100; ++i) {
+    const pid_t victim = StartChild([&] {
+      setlogmask(LOG_UPTO(LOG_NOTICE));
+      NumberCache doomed(dir.path(), true);
+      doomed.value = 1000 + i;
+      doomed.delayUs = random() % 3000;
+      return doomed.Update() ? 0 : 1;
+    });
+    usleep(static_cast<unsigned>(std::uniform_real_distribution<double>(0, window)(random) * 1e6));
+    kill(victim, SIGKILL);
+    const ChildResult result = WaitChild(victim);
+    killedMidway += result.signal == SIGKILL;
+    finished += result.exitCode == 0;
+    window *= result.signal == SIGKILL ? 1.2 : 0.8;
+    // The document is whole: the old data or the victim's.
+    Json::Value doc;
+    ASSERT_TRUE(JsonFromFile(doc, updater.GetCachePath())) << i;
+    const int v = doc["cached_data"]["v"].asInt();
+    EXPECT_TRUE(v == i + 1 || v == 1000 + i) << i << ": " << v;
+    updater.value = i + 2;
+    slowestRestart =
+        std::max(slowestRestart, SecondsTaken([&] { EXPECT_TRUE(updater.Update()) << i; }));
+    EXPECT_EQ(updater.GetCachedData(), Data(i + 2)) << i;
+    EXPECT_FALSE(Exists(pidPath)) << i;
+  }
+  ASSERT_TRUE(WriteText(stop, ""));
+  int readerFaults = 0;
+  for (pid_t reader : readers) readerFaults += WaitChild(reader).exitCode != 0;
+  EXPECT_EQ(readerFaults, 0);
+  EXPECT_GT(killedMidway, 0);
+  EXPECT_GT(finished, 0);
+  EXPECT_LT(slowestRestart, 4.0);  // never a lock time-out of the 5 s kind
+  EXPECT_TRUE(waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD);  // no child left
+}
+
+}  // namespace
