@@ -691,6 +691,14 @@ TEST_F(HugeInput, FailedAllocationsBecomeFailureResults) {
        },
        [&](bool ok, bool) { return Expect(!ok || served == big, "served a different value"); },
        3},  // and the two lines of the failed load
+      {"SqliteDB::InsertRecords", [&] { unlink(File("huge.db").c_str()); },
+       [&] {
+         InsertCommand insert;
+         insert.SetTable(SqliteTableHandler("t", "v TEXT"));
+         insert.AddFieldValue("v", huge);
+         return SqliteDB(File("huge.db"), 0, "t").InsertRecords({insert});
+       },
+       [&](bool, bool) { return std::string(); }, 2},
       {"Response::setResp", [&] { response.clear(); },
        [&] { return response.setResp(answerText.c_str()); },
        [&](bool ok, bool) {

@@ -24,6 +24,7 @@
 #include <chrono>
 #include <string>
 
+#include "foundation/no_throw.h"
 #include "vantdr/log.h"
 #include "vantdr/sqlite_db.h"
 #include "vantdr/utils.h"
@@ -343,7 +344,7 @@ bool Replace(BackupFiles& files, const std::string& base, bool existed, const st
 
 }  // namespace
 
-bool SqliteDB::Backup(const std::string& destPath) {
+bool SqliteDB::Backup(const std::string& destPath) try {
   SetErr(ERR::ERR_UNKNOWN);
   const auto started = std::chrono::steady_clock::now();
   std::string dirPath, base;
@@ -424,5 +425,6 @@ bool SqliteDB::Backup(const std::string& destPath) {
             size, ms);
   return true;
 }
+VANTDR_CATCH_ALL(false)
 
 }  // namespace VantDRCore

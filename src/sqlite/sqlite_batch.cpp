@@ -8,6 +8,7 @@
 #include <set>
 #include <unordered_map>
 
+#include "foundation/no_throw.h"
 #include "vantdr/json_text.h"
 #include "vantdr/log.h"
 #include "vantdr/utils.h"
@@ -307,13 +308,15 @@ bool SqliteDB::Batch::ExecBatch(SqliteDB& db, const std::vector<Command>& comman
   return ExecBatch(db, items);
 }
 
-bool SqliteDB::InsertRecords(const std::vector<InsertCommand>& commands) {
+bool SqliteDB::InsertRecords(const std::vector<InsertCommand>& commands) try {
   return Batch::ExecBatch(*this, commands, InsertShape);
 }
+VANTDR_CATCH_ALL(false)
 
-bool SqliteDB::UpdateRecords(const std::vector<UpdateCommand>& commands) {
+bool SqliteDB::UpdateRecords(const std::vector<UpdateCommand>& commands) try {
   return Batch::ExecBatch(*this, commands, UpdateShape);
 }
+VANTDR_CATCH_ALL(false)
 
 // --- counts and row ids ------------------------------------------------------
 

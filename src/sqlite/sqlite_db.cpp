@@ -6,6 +6,7 @@
 #include <cstring>
 #include <utility>
 
+#include "foundation/no_throw.h"
 #include "sqlite/sqlite_rows.h"
 #include "sqlite/statement_text.h"
 #include "vantcore/vlibc.h"
@@ -375,7 +376,7 @@ bool SqliteDB::IsTableExisted(const std::string& tableName) {
   return !rows.empty();
 }
 
-bool SqliteDB::CreateTable(const SqliteTableHandler& table) {
+bool SqliteDB::CreateTable(const SqliteTableHandler& table) try {
   const std::string& columns = table.GetColumnDefinitions();
   if (columns.empty()) return true;
   const std::string& name = table.GetName();
@@ -390,6 +391,7 @@ bool SqliteDB::CreateTable(const SqliteTableHandler& table) {
   VLOG_ERR("Failed to create table [%s] with cmd[%s]", name.c_str(), sql.c_str());
   return false;
 }
+VANTDR_CATCH_ALL(false)
 
 // --- records ---------------------------------------------------------------------
 
@@ -410,7 +412,7 @@ bool SqliteDB::RefuseUnlessSingle(const std::string& sql, const SqliteTableHandl
   return RefuseUnlessSingle(sql);
 }
 
-bool SqliteDB::Exec(const SqliteCommand& command) {
+bool SqliteDB::Exec(const SqliteCommand& command) try {
   SetErr(ERR::ERR_UNKNOWN);
   // Logged before validation: an invalid builder logs its own refusal and
   // shows here with its empty text.
@@ -435,6 +437,7 @@ bool SqliteDB::Exec(const SqliteCommand& command) {
   SetErr(0);
   return true;
 }
+VANTDR_CATCH_ALL(false)
 
 bool SqliteDB::InsertRecord(const InsertCommand& command) { return Exec(command); }
 
@@ -447,7 +450,7 @@ bool SqliteDB::DeleteRecord(const DeleteCommand& command) {
   return Exec(command);
 }
 
-bool SqliteDB::DeleteRecord(const std::string& condition, const SqliteTableHandler& table) {
+bool SqliteDB::DeleteRecord(const std::string& condition, const SqliteTableHandler& table) try {
   if (condition.empty()) {
     SetErr(ERR::BAD_PARAMETER);
     VLOG_ERR("invalid delete command: condition[%s]", condition.c_str());
@@ -459,6 +462,7 @@ bool SqliteDB::DeleteRecord(const std::string& condition, const SqliteTableHandl
   command.SetCondition(condition);
   return DeleteRecord(command);
 }
+VANTDR_CATCH_ALL(false)
 
 bool SqliteDB::DeleteAllRecords(const SqliteTableHandler& table) {
   DeleteCommand command;
@@ -467,7 +471,7 @@ bool SqliteDB::DeleteAllRecords(const SqliteTableHandler& table) {
   return DeleteRecord(command);
 }
 
-bool SqliteDB::SelectRecord(const SelectCommand& command, SqliteValueList& record) {
+bool SqliteDB::SelectRecord(const SelectCommand& command, SqliteValueList& record) try {
   if (!command.IsValid()) {
     SetErr(ERR::BAD_PARAMETER);
     VLOG_ERR("invalid select command [%s]", command.ToStr().c_str());
@@ -485,11 +489,14 @@ bool SqliteDB::SelectRecord(const SelectCommand& command, SqliteValueList& recor
   SetErr(0);
   return true;
 }
+VANTDR_CATCH_ALL(false)
 
-bool SqliteDB::SelectRecords(const SelectCommand& command, std::vector<SqliteValueList>& records) {
+bool SqliteDB::SelectRecords(const SelectCommand& command,
+                             std::vector<SqliteValueList>& records) try {
   // Shared with ForEachRecord (sqlite_stream.cpp), which must fail alike.
   return SelectRecords(command,
                        [&](const std::string& sql) { return SelectByCommand(sql, records); });
 }
+VANTDR_CATCH_ALL(false)
 
 }  // namespace VantDRCore

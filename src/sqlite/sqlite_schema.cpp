@@ -1,6 +1,7 @@
 // Integrity checks, schema versions and the statements run on every open.
 #include <sqlite3.h>
 
+#include "foundation/no_throw.h"
 #include "vantdr/json_text.h"
 #include "vantdr/log.h"
 #include "vantdr/sqlite_db.h"
@@ -23,10 +24,11 @@ bool ConvertFailure(const SqliteDB& db) {
 
 }  // namespace
 
-void SqliteDB::SetConnectionSetup(const std::vector<std::string>& statements) {
+void SqliteDB::SetConnectionSetup(const std::vector<std::string>& statements) try {
   setup_ = statements;
   if (handle_ != nullptr && sqlite3_get_autocommit(handle_) != 0) Close();
 }
+VANTDR_CATCH_ALL()
 
 bool SqliteDB::RunConnectionSetup() {
   for (const std::string& sql : setup_) {
@@ -45,7 +47,7 @@ bool SqliteDB::RunConnectionSetup() {
   return true;
 }
 
-bool SqliteDB::CheckIntegrity(bool quick) {
+bool SqliteDB::CheckIntegrity(bool quick) try {
   const std::string pragma = quick ? "quick_check" : "integrity_check";
   std::vector<SqliteValueList> rows;
   if (!SelectByCommand("PRAGMA " + pragma, rows)) return false;
@@ -57,8 +59,9 @@ bool SqliteDB::CheckIntegrity(bool quick) {
            first.c_str());
   return false;
 }
+VANTDR_CATCH_ALL(false)
 
-bool SqliteDB::GetSchemaVersion(int& version) {
+bool SqliteDB::GetSchemaVersion(int& version) try {
   SqliteValueList row;
   if (!SelectByCommand("PRAGMA user_version", row)) return false;
   if (!row.GetValue<int>("user_version", version)) {
@@ -68,6 +71,7 @@ bool SqliteDB::GetSchemaVersion(int& version) {
   }
   return true;
 }
+VANTDR_CATCH_ALL(false)
 
 void SqliteDB::RollBackMigration() {
   if (handle_ == nullptr || sqlite3_get_autocommit(handle_) != 0) return;
@@ -77,7 +81,7 @@ void SqliteDB::RollBackMigration() {
   SetErr(kept.GetErrCode(), kept.GetErrMsg());
 }
 
-bool SqliteDB::Migrate(const std::vector<std::string>& steps) {
+bool SqliteDB::Migrate(const std::vector<std::string>& steps) try {
   SetErr(ERR::ERR_UNKNOWN);
   if (!Open()) {
     if (GetErrCode() == ERR::ERR_UNKNOWN) SetErr(ERR::ERR_DATABASE_OPERATION);
@@ -142,5 +146,6 @@ bool SqliteDB::Migrate(const std::vector<std::string>& steps) {
     return true;
   }
 }
+VANTDR_CATCH_ALL(false)
 
 }  // namespace VantDRCore
