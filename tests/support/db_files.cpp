@@ -8,6 +8,7 @@ std::string Query(const std::string& path, const std::string& sql, int flags) {
   sqlite3* db = nullptr;
   std::string out;
   int rc = sqlite3_open_v2(path.c_str(), &db, flags, nullptr);
+  if (rc == SQLITE_OK) sqlite3_busy_timeout(db, 5000);  // other processes may still be reading
   for (const char* tail = sql.c_str(); rc == SQLITE_OK && *tail != '\0';) {
     sqlite3_stmt* stmt = nullptr;
     rc = sqlite3_prepare_v2(db, tail, -1, &stmt, &tail);
