@@ -26,6 +26,7 @@
 #include "vantcore/vlibc.h"
 #include "vantdr/file.h"
 #include "vantdr/file_lock.h"
+#include "vantdr/json_text.h"
 #include "vantdr/sqlite_db.h"
 
 using namespace VantDRCore;
@@ -164,8 +165,22 @@ TEST(LocalAttacker, TemporaryNamesCannotBeOccupiedAndCleanUpIsBounded) {
     CHECK_OR(6, File::Write("/tmp/many/doc", Data(1)) && File::Write("/tmp/many/doc", Data(2)));
     const size_t afterOne = Entries("/tmp/many").size();
     CHECK_OR(7, afterOne > 2900 && afterOne < 3001);
-    for (int i = 0; i < 400; ++i) CHECK_OR(8, File::Write("/tmp/many/doc", Data(i)));
-    CHECK_OR(9, Entries("/tmp/many").size() == 1);
+    // Our name form, a dead pid, but another user's file: never removed.
+    const std::string foreign = "/tmp/many/.vantdr-tmp.999999.00000000deadbeef";
+    CHECK_OR(8, WriteText(foreign, "") && chown(foreign.c_str(), kAttacker, kAttacker) == 0);
+    for (int i = 0; i < 400; ++i) CHECK_OR(9, File::Write("/tmp/many/doc", Data(i)));
+    CHECK_OR(10, Entries("/tmp/many").size() == 2 && Untouched(foreign, "", kAttacker));
+    // An unprivileged writer cannot signal init (EPERM): its leftover is alive.
+    const std::string live = "/tmp/mine/.vantdr-tmp.1.0123456789abcdef";
+    CHECK_OR(11, AsAttacker([&] {
+                   return mkdir("/tmp/mine", 0755) != 0 || !WriteText(live, "") ||
+                          !File::Write("/tmp/mine/doc", Data(1)) ||
+                          !File::Write("/tmp/mine/doc", Data(2));
+                 }) &&
+                     Untouched(live, "", kAttacker));
+    // Without /proc an unnamed temporary is named through its descriptor.
+    CHECK_OR(12, umount2("/proc", MNT_DETACH) == 0 && File::Write("/tmp/noproc", Data(3)));
+    CHECK_OR(13, ReadText("/tmp/noproc") == JsonToString(Data(3)));
     return 0;
   });
 }
