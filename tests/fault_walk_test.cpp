@@ -635,6 +635,22 @@ TEST(Interrupted, ReadsAndWritesAreMadeAgain) {
   EXPECT_EQ(ReadDoc(doc), Doc(2));
 }
 
+// What no result shows: a replacement syncs the new file, then its directory;
+// writing in place syncs the file once.
+TEST(Durability, ReplacementsSyncTheFileAndTheDirectory) {
+  WalkDir dir;
+  const std::string doc = dir.path() + "/doc.json", link = dir.path() + "/link";
+  ASSERT_EQ(symlink(doc.c_str(), link.c_str()), 0);
+  for (const auto& row :
+       {std::make_pair(doc, 2), std::make_pair(doc, 2), std::make_pair(link, 1)}) {
+    Faults::Arm();
+    const bool ok = File::Write(row.first, Doc(1));
+    Faults::Disarm();
+    EXPECT_TRUE(ok);
+    EXPECT_EQ(Faults::Count(Faults::kFsync), row.second) << row.first;
+  }
+}
+
 class HugeInput : public ::testing::Test {
  protected:
   std::string File(const std::string& name) const { return dir.path() + "/" + name; }

@@ -37,7 +37,8 @@ extern "C" char** environ;
 namespace {
 
 const uid_t kAttacker = 65534;
-const std::string kSecret = "root only\n";
+// Root's, and a cache document: served, it would show.
+const std::string kSecret = R"({"cached_data":{"v":666}})";
 
 // In the body (a forked child): fail with `code` unless `cond` holds.
 #define CHECK_OR(code, cond)  \
