@@ -300,10 +300,11 @@ class VANTDR_API SqliteDB : public ErrRecorder {
   int64_t batchTotal_ = 0;
   int64_t batchLast_ = 0;
   void NoteBatchChanges(int64_t changes);
-  // SelectRecords up to the query, which `select` runs. (Named like it: log
-  // lines carry the function name.)
+  // SelectRecord(s) and ForEachRecord up to the query, which `select` runs;
+  // its lines carry `caller`, the public name.
   bool SelectRecords(const SelectCommand& command,
-                     const std::function<bool(const std::string& sql)>& select);
+                     const std::function<bool(const std::string& sql)>& select,
+                     const char* caller);
   void FinalizeStatements();
 };
 

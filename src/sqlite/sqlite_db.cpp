@@ -471,10 +471,19 @@ bool SqliteDB::DeleteAllRecords(const SqliteTableHandler& table) {
   return DeleteRecord(command);
 }
 
-bool SqliteDB::SelectRecord(const SelectCommand& command, SqliteValueList& record) try {
+// The public name leads every line, as if each form had its own body.
+#define VLOG_ERR_AS(caller, ...)                                                  \
+  do {                                                                            \
+    if (LogEnabled(LOG_ERR))                                                      \
+      LogPrintf(LOG_ERR, VANTDR_FILE_NAME, __LINE__, caller, "ERR", __VA_ARGS__); \
+  } while (0)
+
+bool SqliteDB::SelectRecords(const SelectCommand& command,
+                             const std::function<bool(const std::string& sql)>& select,
+                             const char* caller) {
   if (!command.IsValid()) {
     SetErr(ERR::BAD_PARAMETER);
-    VLOG_ERR("invalid select command [%s]", command.ToStr().c_str());
+    VLOG_ERR_AS(caller, "invalid select command [%s]", command.ToStr().c_str());
     return false;
   }
   if (!IsExisted()) return false;
@@ -482,20 +491,25 @@ bool SqliteDB::SelectRecord(const SelectCommand& command, SqliteValueList& recor
   if (RefuseUnlessSingle(sql, command.GetTable())) return false;
   SetErr(ERR::ERR_DATABASE_OPERATION);
   if (!CreateTable(command.GetTable())) {
-    VLOG_ERR("Failed to create table");
+    VLOG_ERR_AS(caller, "Failed to create table");
     return false;
   }
-  if (!SelectByCommand(sql, record)) return false;
+  if (!select(sql)) return false;
   SetErr(0);
   return true;
+}
+
+bool SqliteDB::SelectRecord(const SelectCommand& command, SqliteValueList& record) try {
+  return SelectRecords(
+      command, [&](const std::string& sql) { return SelectByCommand(sql, record); }, __func__);
 }
 VANTDR_CATCH_ALL(false)
 
 bool SqliteDB::SelectRecords(const SelectCommand& command,
                              std::vector<SqliteValueList>& records) try {
   // Shared with ForEachRecord (sqlite_stream.cpp), which must fail alike.
-  return SelectRecords(command,
-                       [&](const std::string& sql) { return SelectByCommand(sql, records); });
+  return SelectRecords(
+      command, [&](const std::string& sql) { return SelectByCommand(sql, records); }, __func__);
 }
 VANTDR_CATCH_ALL(false)
 

@@ -8,26 +8,6 @@
 
 namespace VantDRCore {
 
-bool SqliteDB::SelectRecords(const SelectCommand& command,
-                             const std::function<bool(const std::string& sql)>& select) {
-  if (!command.IsValid()) {
-    SetErr(ERR::BAD_PARAMETER);
-    VLOG_ERR("invalid select command [%s]", command.ToStr().c_str());
-    return false;
-  }
-  if (!IsExisted()) return false;
-  const std::string sql = command.GetCommand();
-  if (RefuseUnlessSingle(sql, command.GetTable())) return false;
-  SetErr(ERR::ERR_DATABASE_OPERATION);
-  if (!CreateTable(command.GetTable())) {
-    VLOG_ERR("Failed to create table");
-    return false;
-  }
-  if (!select(sql)) return false;
-  SetErr(0);
-  return true;
-}
-
 bool SqliteDB::ForEachRecord(const SelectCommand& command,
                              const std::function<bool(const SqliteValueList&)>& onRecord) try {
   if (!onRecord) {
@@ -41,28 +21,31 @@ bool SqliteDB::ForEachRecord(const SelectCommand& command,
     ~Streaming() { flag = saved; }
   } streaming{streamed_, streamed_};
   streamed_ = false;
-  return SelectRecords(command, [&](const std::string& sql) {
-    // Its own statement, not a reused query: the callback may run anything
-    // on this object meanwhile, even what drops the reused ones.
-    SqliteStatement statement(*this, sql, true);
-    const auto onRow = [&](const SqliteRow&) {
-      SqliteValueList record;
-      ParseRecord(statement.stmt_, record);
-      streamed_ = false;  // the callback's own calls retry as usual
-      const bool more = onRecord(record);
-      streamed_ = true;
-      return more;
-    };
-    bool handedOut = false;
-    // The all-rows select's retry loop, log lines and error record.
-    return SelectByCommand(sql, false, [&] {
-      const int result = statement.Attempt(onRow, handedOut);
-      if (result == -1) {  // not one statement: as SelectRecords fails on it
-        SetDBErr(SQLITE_MISUSE, nullptr);
-      }
-      return result == SQLITE_OK;
-    });
-  });
+  return SelectRecords(
+      command,
+      [&](const std::string& sql) {
+        // Its own statement, not a reused query: the callback may run anything
+        // on this object meanwhile, even what drops the reused ones.
+        SqliteStatement statement(*this, sql, true);
+        const auto onRow = [&](const SqliteRow&) {
+          SqliteValueList record;
+          ParseRecord(statement.stmt_, record);
+          streamed_ = false;  // the callback's own calls retry as usual
+          const bool more = onRecord(record);
+          streamed_ = true;
+          return more;
+        };
+        bool handedOut = false;
+        // The all-rows select's retry loop, log lines and error record.
+        return SelectByCommand(sql, false, [&] {
+          const int result = statement.Attempt(onRow, handedOut);
+          if (result == -1) {  // not one statement: as SelectRecords fails on it
+            SetDBErr(SQLITE_MISUSE, nullptr);
+          }
+          return result == SQLITE_OK;
+        });
+      },
+      "SelectRecords");  // the same lines as SelectRecords gives
 } catch (...) {
   SetErr(ERR::ERR_UNKNOWN);
   VLOG_ERR("Callback failed for select command [%s]", command.ToStr().c_str());
