@@ -16,6 +16,9 @@
 #include <sys/file.h>
 #include <unistd.h>
 
+#include <type_traits>
+#include <utility>
+
 namespace VantDRTest {
 namespace Faults {
 namespace {
@@ -31,6 +34,8 @@ struct State {
   int stepNth = 0;
   int stepResult = 0;
   std::vector<unsigned> sleeps;
+  Call observed = kCallKinds;
+  std::function<void(long)> observer;
 };
 
 State& Current() {
@@ -49,6 +54,23 @@ bool Inject(Call call) {
   s.fired = true;
   errno = s.error;
   return true;
+}
+
+// Returns `result` after showing it to the observer of `call`, if any.
+template <typename T>
+T Observed(Call call, T result) {
+  State& s = Current();
+  if (!s.armed || call != s.observed || !s.observer) return result;
+  const int saved = errno;
+  s.armed = false;
+  if constexpr (std::is_pointer<T>::value) {
+    s.observer(result == nullptr ? -1 : 0);
+  } else {
+    s.observer(static_cast<long>(result));
+  }
+  s.armed = true;
+  errno = saved;
+  return result;
 }
 
 void ForkedChild() { Current().armed = false; }
@@ -95,6 +117,7 @@ void Arm(Call call, int nth, int error) {
   s.steps = 0;
   s.stepNth = 0;
   s.sleeps.clear();
+  s.observer = nullptr;
   s.armed = true;
 }
 
@@ -107,6 +130,11 @@ bool Fired() { return Current().fired; }
 bool FiredOn(Call call) { return Current().fired && Current().call == call; }
 
 const std::vector<unsigned>& Sleeps() { return Current().sleeps; }
+
+void Observe(Call call, std::function<void(long)> observer) {
+  Current().observed = call;
+  Current().observer = std::move(observer);
+}
 
 void FailStep(int nth, int result) {
   Current().steps = 0;
@@ -123,6 +151,7 @@ namespace {
 
 using VantDRTest::Faults::Call;
 using VantDRTest::Faults::Inject;
+using VantDRTest::Faults::Observed;
 
 template <typename Fn>
 Fn Next(Fn, const char* name) {
@@ -141,7 +170,7 @@ mode_t ModeArgument(int flags, va_list ap) {
   type name params except {                                         \
     if (Inject(kind)) return failed;                                \
     VANTDR_NEXT(name);                                              \
-    return next args;                                               \
+    return Observed(kind, next args);                               \
   }
 // The open family: `mode` follows `flags` only when a file may be created.
 #define VANTDR_OPEN(name, params, args)          \
@@ -152,7 +181,7 @@ mode_t ModeArgument(int flags, va_list ap) {
     va_end(ap);                                  \
     if (Inject(kOpen)) return -1;                \
     VANTDR_NEXT(name);                           \
-    return next args;                            \
+    return Observed(kOpen, next args);           \
   }
 
 using namespace VantDRTest::Faults;

@@ -17,6 +17,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -58,6 +59,11 @@ int Count(Call call);
 bool Fired();
 // Whether it has been injected into a call of `call`.
 bool FiredOn(Call call);
+// Runs `observer` after every call of `call` that was not failed, with its
+// result (a descriptor, a count, 0; -1 for a failure, 0 for a FILE*), so a
+// test can look at what a call did or change the world between two calls.
+// The observer runs disarmed; Arm clears it.
+void Observe(Call call, std::function<void(long result)> observer);
 // The arguments of usleep since Arm (usleep is counted, never failed).
 const std::vector<unsigned>& Sleeps();
 

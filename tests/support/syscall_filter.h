@@ -4,10 +4,15 @@
 
 namespace VantDRTest {
 
+#include <errno.h>
+
 // From now on, in this process and its children, opening an unnamed
-// temporary file (O_TMPFILE) fails with EOPNOTSUPP, as on a file system
+// temporary file (O_TMPFILE) fails with `error`, as on a file system
 // without them. Irreversible: call it in a forked child. False when the
 // filter could not be installed.
-bool RefuseUnnamedTemporaryFiles();
+bool RefuseUnnamedTemporaryFiles(int error = EOPNOTSUPP);
+// As above, but fchmod reports success and changes nothing, as a file
+// system may silently drop mode bits.
+bool IgnoreModeChanges();
 
 }  // namespace VantDRTest

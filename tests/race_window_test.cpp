@@ -1,0 +1,138 @@
+// Windows between two system calls of the writer and the cache, opened on
+// purpose through the fault harness's observer, and kernels that refuse or
+// silently drop what the writer asked for.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include "support/fault_injection.h"
+#include "support/process.h"
+#include "support/syscall_filter.h"
+#include "support/test_cache.h"
+#include "vantdr/file.h"
+#include "vantdr/json_text.h"
+
+using namespace VantDRCore;
+using namespace VantDRTest;
+
+namespace {
+
+const Json::Value kDoc = Data(2);
+const std::string kText = JsonToString(kDoc);
+
+mode_t ModeOf(const std::string& path) {
+  struct stat st;
+  return stat(path.c_str(), &st) == 0 ? st.st_mode & 07777 : 0;
+}
+
+// The modes our temporaries have when they are opened, through their descriptors.
+std::vector<mode_t> TemporaryModesWhileWriting(const std::string& path) {
+  std::vector<mode_t> modes;
+  Faults::Arm();
+  Faults::Observe(Faults::kOpen, [&](long fd) {
+    char link[64], name[512] = {0};
+    snprintf(link, sizeof link, "/proc/self/fd/%ld", fd);
+    struct stat st;
+    if (fd >= 0 && readlink(link, name, sizeof name - 1) > 0 && fstat(fd, &st) == 0 &&
+        S_ISREG(st.st_mode) && std::string(name).find(".vantdr-tmp.") != std::string::npos)
+      modes.push_back(st.st_mode & 07777);
+  });
+  if (!File::Write(path, kDoc)) modes.push_back(01);
+  Faults::Disarm();
+  return modes;
+}
+
+class RaceWindow : public CacheFixture {};
+
+// Where unnamed files are refused (either way a kernel says so), a named temporary
+// is private until it carries the old file's identity: another user who opened it
+// earlier could read everything written to it.
+TEST_F(RaceWindow, NamedTemporariesArePrivateUntilTheyAreTheOldFile) {
+  const std::string path = dir.File("doc");
+  for (int error : {EOPNOTSUPP, EINVAL, EISDIR}) {
+    ASSERT_TRUE(WriteText(path, "old") && chmod(path.c_str(), 0644) == 0);
+    const int code = RunInChild([&] {
+                       if (!RefuseUnnamedTemporaryFiles(error)) return 77;
+                       return TemporaryModesWhileWriting(path) == std::vector<mode_t>{0600} ? 0 : 1;
+                     }).exitCode;
+    if (code == 77) GTEST_SKIP() << "no system call filter here";
+    EXPECT_EQ(code, 0) << error;
+    EXPECT_TRUE(ReadText(path) == kText && ModeOf(path) == 0644) << error;
+  }
+}
+
+// A replacement whose identity did not take (the kernel dropped the mode bits)
+// is not installed: the file is written in place and keeps what it had.
+TEST_F(RaceWindow, IdentityIsCheckedAfterItIsCopied) {
+  const std::string path = dir.File("doc");
+  ASSERT_TRUE(WriteText(path, "old") && chmod(path.c_str(), 02644) == 0);
+  struct stat before, after;
+  ASSERT_EQ(stat(path.c_str(), &before), 0);
+  const int code = RunInChild([&] {
+                     if (!IgnoreModeChanges()) return 77;
+                     const int probe =
+                         open(dir.File("probe").c_str(), O_WRONLY | O_CREAT | O_EXCL, 0600);
+                     if (probe < 0 || fchmod(probe, 0644) != 0 || close(probe) != 0) return 78;
+                     if (ModeOf(dir.File("probe")) != 0600)
+                       return 77;  // the filter is not applied here
+                     return File::Write(path, kDoc) ? 0 : 1;
+                   }).exitCode;
+  if (code == 77) GTEST_SKIP() << "no system call filter here";
+  EXPECT_EQ(code, 0);
+  ASSERT_EQ(stat(path.c_str(), &after), 0);
+  EXPECT_TRUE(after.st_ino == before.st_ino && (after.st_mode & 07777) == 02644);
+  EXPECT_EQ(ReadText(path), kText);
+}
+
+// Another process makes the name (a second link to its own file) while the new
+// file is being written: the rename must not land over it, and the write goes
+// through that name as an open of it would.
+TEST_F(RaceWindow, NameMadeBeforeTheRenameIsNotReplaced) {
+  const std::string path = dir.File("doc"), theirs = dir.File("theirs");
+  ASSERT_TRUE(WriteText(theirs, "theirs"));
+  Faults::Arm();
+  Faults::Observe(Faults::kFsync, [&](long) {
+    if (access(path.c_str(), F_OK) != 0) link(theirs.c_str(), path.c_str());
+  });
+  EXPECT_TRUE(File::Write(path, kDoc));
+  Faults::Disarm();
+  EXPECT_EQ(ReadText(theirs), kText);
+}
+
+// Written in place, the whole document is in the file when it is synced.
+TEST_F(RaceWindow, InPlaceDataReachTheFileBeforeTheSync) {
+  const std::string target = dir.File("target"), link = dir.File("link");
+  ASSERT_TRUE(WriteText(target, "old") && symlink(target.c_str(), link.c_str()) == 0);
+  std::vector<off_t> sizes;
+  Faults::Arm();
+  Faults::Observe(Faults::kFsync, [&](long) {
+    struct stat st;
+    sizes.push_back(stat(target.c_str(), &st) == 0 ? st.st_size : -1);
+  });
+  EXPECT_TRUE(File::Write(link, kDoc));
+  Faults::Disarm();
+  EXPECT_EQ(sizes, std::vector<off_t>{static_cast<off_t>(kText.size())});
+}
+
+// A stale file replaced by a fresh one while it is being read: the fresh file's
+// time decides, so no second update follows.
+TEST_F(RaceWindow, FileRefreshedDuringTheReadIsNotUpdatedAgain) {
+  TestCache cache(dir.path(), true, -1);
+  ASSERT_TRUE(cache.UpdateWithData(Data(1)) && cache.SetAge(200));
+  TestCache other(dir.path(), true, -1);
+  bool refreshed = false;
+  Faults::Arm();
+  Faults::Observe(Faults::kOpen, [&](long) {
+    if (!refreshed) refreshed = other.UpdateWithData(Data(3));
+  });
+  const Json::Value served = cache.Read();
+  Faults::Disarm();
+  EXPECT_TRUE(refreshed);
+  EXPECT_TRUE(served == Data(1) || served == Data(3)) << JsonToString(served);
+  EXPECT_EQ(cache.Fetches(), 0);
+}
+
+}  // namespace
