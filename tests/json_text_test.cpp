@@ -109,12 +109,7 @@ TEST(JsonTextTest, NestingIsBoundedWithoutCrashing) {
 
 TEST(JsonTextTest, WritesRealsEscapesHolesAndCommentsAsBefore) {
   Json::Value v(Json::arrayValue);
-  v.append(1.0);
-  v.append(-0.0);
-  v.append(1e21);
-  v.append(std::nan(""));
-  v.append(HUGE_VAL);
-  v.append(-HUGE_VAL);
+  for (double d : {1.0, -0.0, 1e21, std::nan(""), HUGE_VAL, -HUGE_VAL}) v.append(d);
   v.append(Json::Int64(INT64_MIN));
   v.append(std::string("\x01\x1f\x7f\xff\"\\/\b\f\n\r\t\0", 13));
   EXPECT_EQ(JsonToString(v),
@@ -127,9 +122,7 @@ TEST(JsonTextTest, WritesRealsEscapesHolesAndCommentsAsBefore) {
 
   Json::Value commented(Json::objectValue);
   commented["a"] = 1;
-  commented["b"] = Json::Value(Json::arrayValue);
-  commented["b"].append(2);
-  commented["b"].append(3);
+  commented["b"].append(2), commented["b"].append(3);
   commented.setComment(std::string("/*r*/"), Json::commentBefore);
   commented["a"].setComment(std::string("// same"), Json::commentAfterOnSameLine);
   commented["b"].setComment(std::string("/*b*/"), Json::commentBefore);
@@ -159,15 +152,12 @@ TEST(JsonTextTest, WritesOnlyWhatReadsBack) {
   Json::Value deepest = Nested(513);
   const std::string text = JsonToString(deepest);
   EXPECT_EQ(text, std::string(513, '[') + std::string(513, ']'));
-  Json::Value back;
-  ASSERT_TRUE(JsonFromString(back, text));
-  EXPECT_EQ(back, deepest);
-  ASSERT_TRUE(JsonToFile(deepest, dir.File("deepest.json")));
-  ASSERT_TRUE(JsonFromFile(back, dir.File("deepest.json")));
-  EXPECT_EQ(back, deepest);
-  ASSERT_TRUE(VantDRCore::File::Write(dir.File("by_path"), deepest));
-  ASSERT_TRUE(VantDRCore::File::Read(dir.File("by_path"), back));
-  EXPECT_EQ(back, deepest);
+  Json::Value back, file, byPath;
+  EXPECT_TRUE(JsonFromString(back, text) && back == deepest);
+  EXPECT_TRUE(JsonToFile(deepest, dir.File("deepest.json")) &&
+              JsonFromFile(file, dir.File("deepest.json")) && file == deepest);
+  EXPECT_TRUE(VantDRCore::File::Write(dir.File("by_path"), deepest) &&
+              VantDRCore::File::Read(dir.File("by_path"), byPath) && byPath == deepest);
   EXPECT_TRUE(log.Lines().empty());
 
   const std::string refused =
@@ -205,22 +195,17 @@ TEST(JsonTextTest, FilesAreReplacedWholeAndFailuresLeaveTheOldFile) {
   // Mode and owner are kept across a rewrite (only root can give a file away).
   ASSERT_EQ(chmod(path.c_str(), 0600), 0);
   doc["k"] = "w";
-  ASSERT_TRUE(JsonToFile(doc, path));
   struct stat st;
-  ASSERT_EQ(stat(path.c_str(), &st), 0);
+  ASSERT_TRUE(JsonToFile(doc, path) && stat(path.c_str(), &st) == 0);
   EXPECT_EQ(st.st_mode & 07777, 0600u);
   if (geteuid() == 0) {
-    ASSERT_EQ(chown(path.c_str(), 65534, 65534), 0);
-    ASSERT_TRUE(JsonToFile(doc, path));
-    ASSERT_EQ(stat(path.c_str(), &st), 0);
-    EXPECT_EQ(st.st_uid, 65534u);
-    EXPECT_EQ(st.st_gid, 65534u);
+    ASSERT_TRUE(chown(path.c_str(), 65534, 65534) == 0 && JsonToFile(doc, path));
+    EXPECT_TRUE(stat(path.c_str(), &st) == 0 && st.st_uid == 65534u && st.st_gid == 65534u);
   }
   const mode_t mask = umask(0);
   ASSERT_TRUE(JsonToFile(doc, dir.File("new.json")));
   umask(mask);
-  ASSERT_EQ(stat(dir.File("new.json").c_str(), &st), 0);
-  EXPECT_EQ(st.st_mode & 07777, 0666u);
+  EXPECT_TRUE(stat(dir.File("new.json").c_str(), &st) == 0 && (st.st_mode & 07777) == 0666u);
 
   ASSERT_EQ(mkdir(dir.File("blocker.json").c_str(), 0755), 0);
   EXPECT_FALSE(JsonToFile(doc, dir.File("blocker.json")));  // a directory is not writable
@@ -229,13 +214,11 @@ TEST(JsonTextTest, FilesAreReplacedWholeAndFailuresLeaveTheOldFile) {
   ASSERT_TRUE(JsonFromFile(back, path));
   EXPECT_EQ(back["k"], "w");
 
-  back = 1;
-  EXPECT_FALSE(JsonFromFile(back, dir.File("missing.json")));
-  EXPECT_TRUE(back.isNull());
   ASSERT_TRUE(VantDRTest::WriteText(path, "{\"k\": \"half"));
-  back = 1;
-  EXPECT_FALSE(JsonFromFile(back, path));
-  EXPECT_TRUE(back.isNull());
+  for (const std::string& bad : {dir.File("missing.json"), path}) {
+    back = 1;
+    EXPECT_TRUE(!JsonFromFile(back, bad) && back.isNull()) << bad;
+  }
   EXPECT_FALSE(JsonFromFile(back, dir.path()));
 }
 

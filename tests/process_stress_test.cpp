@@ -1,7 +1,6 @@
-// Many real processes contending for one database, one lock and one cache.
+// Many real processes contending for one database and one cache.
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/file.h>
 #include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -17,7 +16,6 @@
 #include "support/process.h"
 #include "support/test_cache.h"
 #include "support/timing.h"
-#include "vantdr/file_lock.h"
 #include "vantdr/json_text.h"
 #include "vantdr/sqlite_db.h"
 
@@ -59,26 +57,6 @@ TEST_F(StressTest, ConcurrentWritersLoseAndRepeatNoRow) {
     EXPECT_TRUE(db.GetCount(table, SqliteEqual("who", p), own));
     EXPECT_EQ(own, kSingles + kBatches * kRowsPerBatch) << p;
   }
-}
-
-TEST_F(StressTest, FileLockSerialisesCounterIncrements) {
-  const std::string name = UniqueName("stress_counter"), counter = dir.File("counter");
-  ASSERT_TRUE(WriteText(counter, "0"));
-  const int kProcs = 8, kIncrements = 200;
-  EXPECT_EQ(RunTogether(kProcs,
-                        [&](int) {
-                          FileLock lock(name);
-                          for (int i = 0; i < kIncrements; ++i) {
-                            if (!lock.lock(LOCK_EX | LOCK_NB, 10)) return 1;
-                            const int value = std::stoi("0" + ReadText(counter));
-                            if (!WriteText(counter, std::to_string(value + 1))) return 2;
-                            lock.unlock();
-                          }
-                          return 0;
-                        }),
-            0);
-  EXPECT_EQ(ReadText(counter), std::to_string(kProcs * kIncrements));
-  unlink(FileLock::getLockFilePath(name).c_str());
 }
 
 // Fetches {"v": value} after `delayUs`; anything else it serves is a fault.

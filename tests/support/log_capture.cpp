@@ -10,29 +10,23 @@ namespace {
 
 std::vector<LogLine> g_lines;
 
+// "file:line(func)[LEVEL][pid]: message"; other lines keep only their text.
 LogLine Parse(int priority, const char* text) {
-  LogLine entry;
-  entry.priority = priority;
-  entry.text = text;
-  // "file:line(func)[LEVEL][pid]: message"
-  const std::string& s = entry.text;
-  size_t colon = s.find(':');
-  size_t open = s.find('(', colon == std::string::npos ? 0 : colon);
-  size_t close = s.find(")[", open == std::string::npos ? 0 : open);
-  size_t levelEnd = s.find("][", close == std::string::npos ? 0 : close);
-  size_t pidEnd = s.find("]: ", levelEnd == std::string::npos ? 0 : levelEnd);
-  if (colon == std::string::npos || open == std::string::npos || close == std::string::npos ||
-      levelEnd == std::string::npos || pidEnd == std::string::npos) {
-    return entry;
-  }
-  entry.prefixed = true;
-  entry.file = s.substr(0, colon);
-  entry.line = std::atoi(s.substr(colon + 1, open - colon - 1).c_str());
-  entry.func = s.substr(open + 1, close - open - 1);
-  entry.level = s.substr(close + 2, levelEnd - close - 2);
-  entry.pid = std::atoi(s.substr(levelEnd + 2, pidEnd - levelEnd - 2).c_str());
-  entry.message = s.substr(pidEnd + 3);
-  return entry;
+  LogLine e;
+  e.priority = priority;
+  e.text = text;
+  const std::string& s = e.text;
+  const size_t colon = s.find(':'), open = s.find('(', colon), close = s.find(")[", open),
+               level = s.find("][", close), pid = s.find("]: ", level);
+  if (pid == std::string::npos) return e;  // npos propagates through every find above
+  e.prefixed = true;
+  e.file = s.substr(0, colon);
+  e.line = std::atoi(s.substr(colon + 1, open - colon - 1).c_str());
+  e.func = s.substr(open + 1, close - open - 1);
+  e.level = s.substr(close + 2, level - close - 2);
+  e.pid = std::atoi(s.substr(level + 2, pid - level - 2).c_str());
+  e.message = s.substr(pid + 3);
+  return e;
 }
 
 void CaptureSink(int priority, const char* line) { g_lines.push_back(Parse(priority, line)); }
@@ -63,30 +57,27 @@ void LogCapture::Clear() { g_lines.clear(); }
 
 std::vector<std::string> LogCapture::Messages(const std::string& level) const {
   std::vector<std::string> out;
-  for (const LogLine& l : g_lines) {
+  for (const LogLine& l : g_lines)
     if (l.prefixed && l.level == level) out.push_back(l.message);
-  }
   return out;
 }
 
 std::vector<std::string> LogCapture::Summary() const {
   std::vector<std::string> out;
-  for (const LogLine& l : g_lines) {
+  for (const LogLine& l : g_lines)
     out.push_back(l.prefixed ? l.level + " " + l.func + ": " + l.message : l.text);
-  }
   return out;
 }
 
 int LogCapture::Count(const std::string& message) const {
   int n = 0;
-  for (const LogLine& l : g_lines) n += (l.prefixed && l.message == message) ? 1 : 0;
+  for (const LogLine& l : g_lines) n += l.prefixed && l.message == message;
   return n;
 }
 
 bool LogCapture::Has(const std::string& level, const std::string& message) const {
-  for (const LogLine& l : g_lines) {
+  for (const LogLine& l : g_lines)
     if (l.prefixed && l.level == level && l.message == message) return true;
-  }
   return false;
 }
 
