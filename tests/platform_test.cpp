@@ -160,6 +160,10 @@ TEST(PlatformTest, RandomIsWithinTheClosedRangeAndReachesBothEnds) {
   std::set<unsigned> wide;
   for (int i = 0; i < 64; ++i) wide.insert(random.urandom(0, UINT32_MAX));
   EXPECT_GT(wide.size(), 60u);  // the full range draws raw words
+  // A third of this range is below 2^30; modulo bias would make it half.
+  int low = 0;
+  for (int i = 0; i < 3000; ++i) low += random.urandom(0, 0xBFFFFFFFu) < (1u << 30);
+  EXPECT_TRUE(low > 850 && low < 1150) << low;
 }
 
 }  // namespace
