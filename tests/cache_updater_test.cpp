@@ -135,18 +135,6 @@ TEST_F(CacheUpdater, ClaimantBetweenTheTwoLocksYields) {
   EXPECT_EQ(VLIBCReadPidFile(pidPath.c_str()), getpid());
 }
 
-// An updater whose pid file now names another live process leaves it to that process.
-TEST_F(CacheUpdater, FinishedUpdaterLeavesAnotherUpdatersPidFile) {
-  TestCache cache(dir.path(), true, -1);
-  const std::string pidPath = cache.GetCachePath() + ".pid";
-  const pid_t other = StartChild([] { return pause(); });
-  cache.onFetch = [&] { WriteText(pidPath, std::to_string(other) + "\n"); };
-  EXPECT_TRUE(cache.Update());
-  EXPECT_EQ(VLIBCReadPidFile(pidPath.c_str()), other);
-  kill(other, SIGKILL);
-  EXPECT_EQ(WaitChild(other).signal, SIGKILL);
-}
-
 // A lock file closed before the fork leaves its descriptor number to the
 // caller's next file, which the updater must not close.
 TEST_F(CacheUpdater, DescriptorReusedBeforeTheForkStaysTheCallers) {

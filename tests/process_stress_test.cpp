@@ -59,27 +59,10 @@ TEST_F(StressTest, ConcurrentWritersLoseAndRepeatNoRow) {
   }
 }
 
-// Fetches {"v": value} after `delayUs`; anything else it serves is a fault.
-struct NumberCache : Cache {
-  NumberCache(const std::string& dir, bool required) : Cache(dir, "n", 100, required, 0) {}
-  Json::Value GetCacheInfo() const override { return "numbers"; }
-  Json::Value GetDefaultValue() const override { return "default"; }
-  bool GetUpdatedData(Json::Value& data) const override {
-    usleep(delayUs);
-    data = Data(value);
-    return true;
-  }
-  bool IsValidData(const Json::Value& data) const override {
-    return data.isObject() && data.isMember("v") && data["v"].isInt();
-  }
-  int value = 0;
-  unsigned delayUs = 0;
-};
-
 // 100 updaters killed at random under 8 readers: no torn or default document
 // served, no process left, the next update completes at once.
 TEST_F(StressTest, UpdatersKilledAtRandomPointsUnderReaders) {
-  NumberCache updater(dir.path(), true);
+  TestCache updater(dir.path(), true);
   ASSERT_TRUE(updater.UpdateWithData(Data(1)));
   // The kill window tracks the updaters' pace so kills land before and after the pid file.
   double window = 0.02;
@@ -88,7 +71,7 @@ TEST_F(StressTest, UpdatersKilledAtRandomPointsUnderReaders) {
   for (int r = 0; r < 8; ++r) {
     readers.push_back(StartChild([&] {
       setlogmask(LOG_UPTO(LOG_NOTICE));
-      NumberCache reader(dir.path(), false);
+      TestCache reader(dir.path(), false);
       int reads = 0;
       while (!Exists(stop) || reads == 0) {
         const Json::Value served = reader.Read();
@@ -109,9 +92,9 @@ TEST_F(StressTest, UpdatersKilledAtRandomPointsUnderReaders) {
   for (int i = 0; i < 100; ++i) {
     const pid_t victim = StartChild([&] {
       setlogmask(LOG_UPTO(LOG_NOTICE));
-      NumberCache doomed(dir.path(), true);
+      TestCache doomed(dir.path(), true);
       doomed.value = 1000 + i;
-      doomed.delayUs = random() % 3000;
+      doomed.delayMs = static_cast<int>(random() % 3);
       return doomed.Update() ? 0 : 1;
     });
     usleep(static_cast<unsigned>(std::uniform_real_distribution<double>(0, window)(random) * 1e6));

@@ -35,7 +35,7 @@ inline bool WaitFor(const std::function<bool()>& done, double seconds = 10) {
 // Cache "c" in `dir` with a 100 s time-out by default; valid data is an object with "v".
 // Each fetch appends a line to <dir>/fetches (so fetches in children count
 // too), runs `onFetch`, waits `delayMs` or until <dir>/release exists, and
-// yields {"v":7}, failing when `fail` is set.
+// yields {"v": value}, failing when `fail` is set.
 struct TestCache : VantDRCore::Cache {
   explicit TestCache(const std::string& dir, bool required = false, int retryLimit = 0,
                      long timeout = 100)
@@ -47,7 +47,7 @@ struct TestCache : VantDRCore::Cache {
     if (fd >= 0 && (write(fd, "f\n", 2) != 2 || close(fd) != 0)) return false;
     if (onFetch) onFetch();
     WaitFor([&] { return Exists(dir + "/release"); }, delayMs / 1000.0);
-    data = Data(7);
+    data = Data(value);
     return !fail;
   }
   bool IsValidData(const Json::Value& data) const override {
@@ -62,7 +62,7 @@ struct TestCache : VantDRCore::Cache {
 
   const std::string dir;
   Json::Value fallback;
-  int delayMs = 0;
+  int delayMs = 0, value = 7;
   bool fail = false;
   std::function<void()> onFetch;
 };
