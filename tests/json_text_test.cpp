@@ -181,45 +181,4 @@ TEST(JsonTextTest, WritesOnlyWhatReadsBack) {
   }
 }
 
-TEST(JsonTextTest, FilesAreReplacedWholeAndFailuresLeaveTheOldFile) {
-  TempDir dir;
-  const std::string path = dir.File("doc.json");
-  Json::Value doc(Json::objectValue);
-  doc["k"] = "v";
-  ASSERT_TRUE(JsonToFile(doc, path));
-  EXPECT_EQ(VantDRTest::ReadText(path), "{\"k\":\"v\"}\n");
-  Json::Value back;
-  ASSERT_TRUE(JsonFromFile(back, path));
-  EXPECT_EQ(back, doc);
-
-  // Mode and owner are kept across a rewrite (only root can give a file away).
-  ASSERT_EQ(chmod(path.c_str(), 0600), 0);
-  doc["k"] = "w";
-  struct stat st;
-  ASSERT_TRUE(JsonToFile(doc, path) && stat(path.c_str(), &st) == 0);
-  EXPECT_EQ(st.st_mode & 07777, 0600u);
-  if (geteuid() == 0) {
-    ASSERT_TRUE(chown(path.c_str(), 65534, 65534) == 0 && JsonToFile(doc, path));
-    EXPECT_TRUE(stat(path.c_str(), &st) == 0 && st.st_uid == 65534u && st.st_gid == 65534u);
-  }
-  const mode_t mask = umask(0);
-  ASSERT_TRUE(JsonToFile(doc, dir.File("new.json")));
-  umask(mask);
-  EXPECT_TRUE(stat(dir.File("new.json").c_str(), &st) == 0 && (st.st_mode & 07777) == 0666u);
-
-  ASSERT_EQ(mkdir(dir.File("blocker.json").c_str(), 0755), 0);
-  EXPECT_FALSE(JsonToFile(doc, dir.File("blocker.json")));  // a directory is not writable
-  EXPECT_FALSE(JsonToFile(doc, dir.File("missing/doc.json")));
-  EXPECT_FALSE(JsonToFile(doc, ""));
-  ASSERT_TRUE(JsonFromFile(back, path));
-  EXPECT_EQ(back["k"], "w");
-
-  ASSERT_TRUE(VantDRTest::WriteText(path, "{\"k\": \"half"));
-  for (const std::string& bad : {dir.File("missing.json"), path}) {
-    back = 1;
-    EXPECT_TRUE(!JsonFromFile(back, bad) && back.isNull()) << bad;
-  }
-  EXPECT_FALSE(JsonFromFile(back, dir.path()));
-}
-
 }  // namespace
