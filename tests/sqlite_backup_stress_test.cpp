@@ -12,7 +12,6 @@
 
 #include "support/db_files.h"
 #include "support/process.h"
-#include "support/sqlite_lock.h"
 #include "support/temp_dir.h"
 #include "vantdr/json_text.h"
 #include "vantdr/sqlite_db.h"

@@ -10,7 +10,6 @@
 #include "support/jobs.h"
 #include "support/log_capture.h"
 #include "support/process.h"
-#include "support/sqlite_lock.h"
 #include "support/temp_dir.h"
 #include "vantdr/json_text.h"
 
@@ -106,86 +105,45 @@ TEST(SqliteDB, TableAndRecordOperations) {
   EXPECT_TRUE(db.DeleteAllRecords(kJobs) && db.GetCount(kJobs, count) && count == 0);
 }
 
-TEST(SqliteDBContention, RetryLimitBoundsAttempts) {
+// Every read is what a statement prepared at that moment returns.
+TEST(SqliteDB, ReusedQueriesFollowSchemaChanges) {
   TempDir tmp;
-  const std::string path = tmp.File("c.db");
-  SqliteDB db(path, 0, "t"), patient(path, 2, "t"), reader(path, 1, "t");
-  ASSERT_TRUE(db.Exec("CREATE TABLE t (x INTEGER); INSERT INTO t VALUES (1);"));
-  LogCapture log;
-  Rows rows;
-  // Each holder keeps the lock 1.5 s, past the 1 s busy time-out.
-  const std::function<bool()> attempts[] = {
-      [&] { return !db.Exec("INSERT INTO t VALUES (2)"); },
-      [&] { return patient.Exec("INSERT INTO t VALUES (3)"); },
-      [&] { return reader.SelectByCommand("SELECT x FROM t", rows) && rows.size() == 2u; }};
-  for (const auto& attempt : attempts) {
-    const pid_t holder = HoldSqliteLock(path, "BEGIN EXCLUSIVE");
-    EXPECT_TRUE(attempt());
-    EXPECT_EQ(WaitChild(holder).exitCode, 0);
-  }
-  EXPECT_EQ(log.Summary(),
-            (Lines{"ERR Exec: Reach retry limit [1], failed to exec command [INSERT INTO t VALUES "
-                   "(2)] with err [{\"err_code\":405,\"err_msg\":{\"sqlite_errcode\":5,"
-                   "\"sqlite_errmsg\":\"database is locked\"}}]",
-                   "INFO Exec: After retry [1] times, success to exec command [INSERT INTO t "
-                   "VALUES (3)]",
-                   "INFO SelectByCommand: After retry [1] times, success to select command"}));
-}
-
-TEST(SqliteDB, ReusedQueriesFollowSchemaChangesMadeElsewhere) {
-  TempDir tmp;
-  const std::string path = tmp.File("reuse.db");
+  const std::string path = tmp.File("main.db");
   SqliteDB db(path, 0, "t");
-  ASSERT_TRUE(db.Exec("CREATE TABLE t (a INTEGER); INSERT INTO t VALUES (1);"));
-  Rows rows;
-  ASSERT_TRUE(db.SelectByCommand("SELECT * FROM t", rows));
-  ASSERT_EQ(Query(path, "DROP TABLE t; CREATE TABLE t (b TEXT); INSERT INTO t VALUES ('x');"), "");
-  ASSERT_TRUE(db.SelectByCommand("SELECT * FROM t", rows) && rows.size() == 2u);
-  EXPECT_EQ(rows[0].ToStr() + " " + rows[1].ToStr(), "a:1 b:'x'");
-  // More distinct queries than are kept prepared, then an early one again.
-  SqliteValueList row;
-  for (int i = 0; i < 20; ++i) {
-    ASSERT_TRUE(db.SelectByCommand("SELECT " + std::to_string(i) + " AS n", row));
-    EXPECT_EQ(row.ToStr(), "n:" + std::to_string(i));
-  }
-  ASSERT_TRUE(db.SelectByCommand("SELECT * FROM t", row));
-  EXPECT_EQ(row.ToStr(), "b:'x'");
-  // A name found in an attached database, then created in main elsewhere:
-  // main's table is read once this connection has seen the new schema.
-  ASSERT_TRUE(db.Exec(AttachJobs(tmp.File("aux.db"))));
-  const SelectCommand select = AllJobs(SqliteEqual("id", 1));
-  ASSERT_TRUE(db.SelectByCommand(select.GetCommand(), row));
-  EXPECT_EQ(row.ToStr(), "id:1, name:'aux'");
-  ASSERT_EQ(Query(path,
-                  "CREATE TABLE job (id INTEGER, name TEXT); INSERT INTO job VALUES (1, "
-                  "'main');"),
-            "");
-  ASSERT_TRUE(db.SelectRecord(select, row));  // its table check reads main's schema
-  EXPECT_EQ(row.ToStr(), "id:1, name:'main'");
-  ASSERT_TRUE(db.SelectByCommand(select.GetCommand() + " ", row));
-  EXPECT_EQ(row.ToStr(), "id:1, name:'main'");
-}
-
-// Every read below is what a statement prepared at that moment returns.
-TEST(SqliteDB, ReusedQueriesFollowSchemaChangesMadeHere) {
-  TempDir tmp;
-  SqliteDB db(tmp.File("main.db"), 0, "t");
   const std::string text = AllJobs(SqliteEqual("id", 1)).GetCommand();
   auto read = [&](const std::string& sql) {
     SqliteValueList row;
     return db.SelectByCommand(sql, row) ? row.ToStr() : "failed";
   };
+  ASSERT_TRUE(db.Exec("CREATE TABLE t (a INTEGER); INSERT INTO t VALUES (1);"));
+  EXPECT_EQ(read("SELECT * FROM t"), "a:1");
+  ASSERT_EQ(Query(path, "DROP TABLE t; CREATE TABLE t (b TEXT); INSERT INTO t VALUES ('x');"), "");
+  EXPECT_EQ(read("SELECT * FROM t"), "b:'x'");
+  // More distinct queries than are kept prepared, then an early one again.
+  for (int i = 0; i < 20; ++i)
+    EXPECT_EQ(read("SELECT " + std::to_string(i) + " AS n"), "n:" + std::to_string(i));
+  EXPECT_EQ(read("SELECT * FROM t"), "b:'x'");
+  // A name found in an attached database, then created in main here or elsewhere.
   ASSERT_TRUE(db.Exec(AttachJobs(tmp.File("aux.db"))));
   EXPECT_EQ(read(text) + "|" + read(text + " "), "id:1, name:'aux'|id:1, name:'aux'");
-  ASSERT_TRUE(db.InsertRecord(Job(1, "main")));  // its table check creates main.job
-  EXPECT_EQ(read(text) + "|" + read(text + " "), "id:1, name:'main'|id:1, name:'main'");
+  ASSERT_EQ(
+      Query(path, "CREATE TABLE job (id INTEGER, name TEXT); INSERT INTO job VALUES (1, 'main');"),
+      "");
+  SqliteValueList row;
+  ASSERT_TRUE(
+      db.SelectRecord(AllJobs(SqliteEqual("id", 1)), row));  // its table check reads main's schema
+  EXPECT_EQ(row.ToStr() + "|" + read(text + " "), "id:1, name:'main'|id:1, name:'main'");
+  ASSERT_TRUE(db.Exec("DROP TABLE main.job"));
+  EXPECT_EQ(read(text), "id:1, name:'aux'");
+  ASSERT_TRUE(db.InsertRecord(Job(1, "here")));  // its table check creates main.job
+  EXPECT_EQ(read(text) + "|" + read(text + " "), "id:1, name:'here'|id:1, name:'here'");
   // A temporary table shadows main's; a rollback takes it away again.
   const std::string tempJob =
       "CREATE TEMP TABLE job (id INTEGER, name TEXT); INSERT INTO temp.job VALUES (1, 'temp');";
   ASSERT_TRUE(db.Exec("BEGIN; " + tempJob));
   EXPECT_EQ(read(text), "id:1, name:'temp'");
   ASSERT_TRUE(db.Exec("ROLLBACK"));
-  EXPECT_EQ(read(text), "id:1, name:'main'");
+  EXPECT_EQ(read(text), "id:1, name:'here'");
   ASSERT_TRUE(db.Exec(tempJob));
   EXPECT_EQ(read(text), "id:1, name:'temp'");
   ASSERT_TRUE(db.Exec("DROP TABLE temp.job; DROP TABLE main.job"));

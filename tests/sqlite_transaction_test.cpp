@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <functional>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -14,7 +15,6 @@
 #include "support/jobs.h"
 #include "support/log_capture.h"
 #include "support/process.h"
-#include "support/sqlite_lock.h"
 #include "support/temp_dir.h"
 #include "vantdr/json_text.h"
 
@@ -30,11 +30,17 @@ const SqliteTableHandler kKinds(
     "d INTEGER DEFAULT 7, s TEXT DEFAULT 'none', u TEXT UNIQUE");
 const SqliteTableHandler kEvents("events", "k TEXT, v INTEGER");
 
-template <typename T>
-InsertCommand Insert(const SqliteTableHandler& table, const std::string& field, const T& value) {
+// An INSERT into `table` of `values` to the blank-separated `fields`; `replace` for OR REPLACE.
+InsertCommand Insert(const SqliteTableHandler& table, const std::string& fields,
+                     const std::vector<SqliteValue>& values, bool replace = false) {
+  std::istringstream names(fields);
+  std::string field;
+  SqliteValueList list;
+  for (const SqliteValue& value : values) list.AddValue(names >> field ? field : "", value);
   InsertCommand insert;
   insert.SetTable(table);
-  insert.AddFieldValue(field, value);
+  insert.SetFieldValues(list);
+  insert.SetReplacable(replace);
   return insert;
 }
 
@@ -67,36 +73,22 @@ std::string Dump(const std::string& path) {
 
 TEST(SqliteBatch, WritesExactlyTheRowsOfOneByOneWrites) {
   TempDir tmp;
-  std::vector<InsertCommand> inserts;
-  InsertCommand row = Insert(kKinds, "id", 1);
-  row.AddFieldValue("i", std::string("42"));  // affinity turns text into numbers
-  row.AddFieldValue("n", std::string("1.5"));
-  row.AddFieldValue("t", 5);
-  row.AddFieldValue("r", 3);
-  row.AddFieldValue("b", std::string("blob"));
-  row.AddFieldValue("x", std::string("007"));
-  row.AddFieldValue("u", std::string("a"));
-  inserts.push_back(row);
-  row = Insert(kKinds, "i", true);  // rowid chosen by SQLite, defaults filled in
-  row.AddFieldValue("n", std::string("abc"));
-  row.AddFieldValue("t", std::string("it's 'quoted'; -- not a comment"));
-  row.AddFieldValue("x", -2147483647L - 1);
-  row.AddFieldValue("u", std::string("b"));
-  inserts.push_back(row);
-  row = Insert(kKinds, "i", 4000000000u);
-  row.AddFieldValue("u", std::string("c"));
-  row.AddFieldValue("s", std::string(":name ?1 @p $v"));  // parameter marks inside a value
-  inserts.push_back(row);
-  for (int v = 0; v < 3; ++v) {
-    inserts.push_back(Insert(kEvents, "k", std::string(v == 1 ? "" : "key")));
-    inserts.back().AddFieldValue("v", v);
-  }
-  inserts.push_back(Insert(kKinds, "u", std::string("d")));
-  row = Insert(kKinds, "u", std::string("d"));  // replaces that row: a new rowid
-  row.AddFieldValue("i", false);
-  row.SetReplacable(true);
-  inserts.push_back(row);
-  inserts.push_back(inserts[3]);  // the same statement shape twice more
+  using V = SqliteValue;
+  using S = std::string;
+  std::vector<InsertCommand> inserts = {
+      // Affinity turns text into numbers.
+      Insert(kKinds, "id i n t r b x u",
+             {V(1), V(S("42")), V(S("1.5")), V(5), V(3), V(S("blob")), V(S("007")), V(S("a"))}),
+      // The rowid chosen by SQLite, defaults filled in.
+      Insert(kKinds, "i n t x u",
+             {V(true), V(S("abc")), V(S("it's 'quoted'; -- not a comment")), V(-2147483647L - 1),
+              V(S("b"))}),
+      // Parameter marks inside a value.
+      Insert(kKinds, "i u s", {V(4000000000u), V(S("c")), V(S(":name ?1 @p $v"))}),
+      Insert(kEvents, "k v", {V(S("key")), V(0)}), Insert(kEvents, "k v", {V(S("")), V(1)}),
+      Insert(kEvents, "k v", {V(S("key")), V(2)}), Insert(kKinds, "u", {V(S("d"))}),
+      Insert(kKinds, "u i", {V(S("d")), V(false)}, true)};  // a new rowid
+  inserts.push_back(inserts[3]);                            // the same statement shape twice more
   inserts.push_back(inserts[3]);
   // "?1" in a condition is text, never a parameter: it binds nothing here.
   UpdateCommand marked = Update(kEvents, "k", std::string("key"), "k = ?1");
@@ -121,14 +113,10 @@ TEST(SqliteBatch, WritesExactlyTheRowsOfOneByOneWrites) {
 
   // Commands that fail one by one fail the batch with the same error, and the batch writes
   // nothing: a text stops at its NUL, a 64-bit value formats to "" ("(id,name) VALUES ('x')").
-  SqliteValueList big;
-  big.AddValue("id", SqliteValue(1LL << 33));
-  big.AddValue("name", SqliteValue(std::string("x")));
-  InsertCommand bigValue = Job(0, "");
-  bigValue.SetFieldValues(big);
   Lines errors;
   for (const InsertCommand& failing :
-       {Insert(kJobs, "name", std::string("a\0b", 3)), bigValue, Job(1, "x")}) {
+       {Insert(kJobs, "name", {V(S("a\0b", 3))}),
+        Insert(kJobs, "id name", {V(1LL << 33), V(S("x"))}), Job(1, "x")}) {
     SqliteDB alone(tmp.File("alone.db"), 0, "t"), together(tmp.File("together.db"), 0, "t");
     EXPECT_FALSE(alone.InsertRecord(failing) && alone.InsertRecord(Job(1, "dup")));
     EXPECT_FALSE(together.InsertRecords({Job(2, "first"), failing, Job(1, "dup")}));
