@@ -69,14 +69,7 @@ TEST(SqliteDB, TableAndRecordOperations) {
   TempDir tmp;
   LogCapture log;
   SqliteDB db(tmp.File("jobs.db"), 1, "[jobs]");
-  // Without a file, deleting succeeds, reading fails leaving the record; neither creates it.
-  EXPECT_TRUE(db.DeleteRecord("id=1", kJobs) && db.DeleteAllRecords(kJobs));
-  db.SetErr(123, "earlier");
-  Rows rows;
   SqliteValueList row;
-  const SelectCommand first = AllJobs(SqliteEqual("id", 1));
-  EXPECT_FALSE(db.SelectRecords(first, rows) || db.SelectRecord(first, row));
-  EXPECT_EQ(JsonToString(db.GetErr()), "{\"err_code\":123,\"err_msg\":\"earlier\"}");
   EXPECT_TRUE(db.CreateTable(SqliteTableHandler("", "")));  // nothing to create: nothing sent
   EXPECT_FALSE(db.IsExisted());
   int count = -1;

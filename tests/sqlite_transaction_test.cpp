@@ -275,88 +275,68 @@ TEST(SqliteTransaction, CommitsRollsBackAndAdmitsOneGuardAtATime) {
 // A holder keeps its lock 1.5 s (a reader before a COMMIT 2.5 s, as the
 // writes come first): longer than the 1 s busy time-out, shorter than the
 // time-out plus the shortest retry pause and a second time-out.
-const char kWriter[] = "BEGIN EXCLUSIVE";
-const char kReader[] = "BEGIN; SELECT count(*) FROM job";
-
-class SqliteTransactionContention : public ::testing::Test {
- protected:
-  void SetUp() override {
-    ASSERT_TRUE(db.InsertRecord(Job(1, "a")));
-    log.Clear();
-  }
-
+TEST(SqliteTransactionContention, BeginCommitAndBatchesAreRetriedWhenBusy) {
+  const char kWriter[] = "BEGIN EXCLUSIVE", kReader[] = "BEGIN; SELECT count(*) FROM job";
+  TempDir tmp;
+  const std::string path = tmp.File("jobs.db");
+  SqliteDB db{path, 2, "t"}, impatient{path, 0, "t"};
+  ASSERT_TRUE(db.InsertRecord(Job(1, "a")));
+  LogCapture log;
   // Runs `body` while a child holds the lock that `begin` takes.
-  void WhileHeld(const char* begin, int holdMs, const std::function<void()>& body) {
+  const auto whileHeld = [&](const char* begin, int holdMs, const std::function<void()>& body) {
     const pid_t holder = HoldSqliteLock(path, begin, holdMs);
     ASSERT_GT(holder, 0);
     body();
     EXPECT_EQ(WaitChild(holder).exitCode, 0);
-  }
-
-  TempDir tmp;
-  const std::string path = tmp.File("jobs.db");
-  SqliteDB db{path, 2, "t"};
-  SqliteDB impatient{path, 0, "t"};
-  LogCapture log;
-};
-
-TEST_F(SqliteTransactionContention, BeginAndCommitAreRetriedWhenBusy) {
-  WhileHeld(kWriter, 1500, [&] {
+  };
+  whileHeld(kWriter, 1500, [&] {
     SqliteTransaction transaction(impatient);
     EXPECT_FALSE(transaction.Begin() || transaction.IsActive());
     EXPECT_EQ(impatient.GetErrCode(), 405);
   });
+  whileHeld(kWriter, 1500, [&] { EXPECT_FALSE(impatient.InsertRecords(Jobs(2, 3))); });
   SqliteTransaction transaction(db);
-  WhileHeld(kWriter, 1500, [&] { EXPECT_TRUE(transaction.Begin()); });
+  whileHeld(kWriter, 1500, [&] { EXPECT_TRUE(transaction.Begin()); });
   EXPECT_TRUE(transaction.Rollback());
   // The reader holds long enough to outlast the first COMMIT but not the second.
-  WhileHeld(kReader, 2500, [&] {
+  whileHeld(kReader, 2500, [&] {
     ASSERT_TRUE(transaction.Begin() && db.InsertRecord(Job(2, "b")));
     EXPECT_TRUE(transaction.Commit());
   });
-  EXPECT_EQ(Count(impatient), 2);
-  EXPECT_EQ(log.Messages("ERR"),
-            Lines{"Reach retry limit [1], failed to exec command [BEGIN IMMEDIATE] with err "
-                  "[{\"err_code\":405,\"err_msg\":{\"sqlite_errcode\":5,\"sqlite_errmsg\":"
-                  "\"database is locked\"}}]"});
+  // A batch starts over from BEGIN, and from BEGIN again when busy at COMMIT.
+  whileHeld(kWriter, 1500, [&] { EXPECT_TRUE(db.InsertRecords(Jobs(3, 3))); });
+  whileHeld(kReader, 2500, [&] { EXPECT_TRUE(db.InsertRecords(Jobs(6, 3))); });
+  EXPECT_EQ(Count(impatient), 8);
+  const std::string locked =
+      "with err [{\"err_code\":405,\"err_msg\":{\"sqlite_errcode\":5,"
+      "\"sqlite_errmsg\":\"database is locked\"}}]";
+  EXPECT_EQ(
+      log.Messages("ERR"),
+      (Lines{"Reach retry limit [1], failed to exec command [BEGIN IMMEDIATE] " + locked,
+             "Reach retry limit [1], failed to exec batch of 3 commands at [BEGIN IMMEDIATE] " +
+                 locked}));
   EXPECT_EQ(log.Count("After retry [1] times, success to exec command [BEGIN IMMEDIATE]") +
-                log.Count("After retry [1] times, success to exec command [COMMIT]"),
-            2);
+                log.Count("After retry [1] times, success to exec command [COMMIT]") +
+                log.Count("t After retry [1] times, success to exec batch of 3 commands"),
+            4);
   // A COMMIT that fails while SQLite keeps the transaction open leaves the
   // guard active, so that its rollback still ends the transaction.
   SqliteTransaction held(impatient);
-  WhileHeld(kReader, 1500, [&] {
-    ASSERT_TRUE(held.Begin() && impatient.InsertRecord(Job(3, "c")));
+  whileHeld(kReader, 1500, [&] {
+    ASSERT_TRUE(held.Begin() && impatient.InsertRecord(Job(9, "c")));
     EXPECT_FALSE(held.Commit());
     EXPECT_TRUE(held.IsActive());
   });
   EXPECT_TRUE(held.Rollback());
-  EXPECT_EQ(Count(db), 2);
-}
-
-// In a transaction the caller began with a plain BEGIN, a batch takes its
-// write lock late: contention then fails it at once, with no retry outside
-// the caller's transaction.
-TEST_F(SqliteTransactionContention, BatchInTheCallersBeginIsNotRetried) {
-  WhileHeld("BEGIN IMMEDIATE", 1500, [&] {
+  // In a transaction the caller began with a plain BEGIN, a batch takes its write lock late:
+  // contention then fails it at once, with no retry outside the caller's transaction.
+  whileHeld("BEGIN IMMEDIATE", 1500, [&] {
     ASSERT_TRUE(db.Exec("BEGIN"));
-    EXPECT_FALSE(db.InsertRecords(Jobs(2, 2)));
+    EXPECT_FALSE(db.InsertRecords(Jobs(9, 2)));
     EXPECT_EQ(db.GetErrCode(), 405);
     EXPECT_TRUE(db.Exec("ROLLBACK"));
   });
-  EXPECT_EQ(Count(impatient), 1);
-}
-
-TEST_F(SqliteTransactionContention, BatchesStartOverFromBeginWhenBusy) {
-  WhileHeld(kWriter, 1500, [&] {
-    EXPECT_FALSE(impatient.InsertRecords(Jobs(2, 3)));
-    EXPECT_EQ(impatient.GetErrCode(), 405);
-  });
-  WhileHeld(kWriter, 1500, [&] { EXPECT_TRUE(db.InsertRecords(Jobs(2, 3))); });
-  // BUSY at COMMIT: the whole batch is rolled back and run again.
-  WhileHeld(kReader, 2500, [&] { EXPECT_TRUE(db.InsertRecords(Jobs(5, 3))); });
-  EXPECT_EQ(Count(impatient), 7);
-  EXPECT_EQ(log.Count("t After retry [1] times, success to exec batch of 3 commands"), 2);
+  EXPECT_EQ(Count(db), 8);
 }
 
 }  // namespace
