@@ -2,9 +2,11 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
+#include <regex>
 #include <string>
 #include <vector>
 
+#include "support/db_files.h"
 #include "support/fault_injection.h"
 #include "support/jobs.h"
 #include "support/log_capture.h"
@@ -53,6 +55,30 @@ TEST(SqliteFaults, BusyInTheMiddleOfSelectRecords) {
                                       "select command"});
     }
   }
+}
+
+// Whichever allocation of a batch fails, the batch fails with an error of its own and changes
+// nothing. A condition with a parameter mark makes it write the literal statement.
+TEST(SqliteFaults, AllocationFailuresInABatch) {
+  TempDir dir;
+  SqliteDB db(dir.File("alloc.db"), 0, "alloc");
+  ASSERT_TRUE(db.InsertRecord(Job(1, "a")));
+  UpdateCommand update;
+  update.SetTable(kJobs);
+  update.AddFieldValue("name", std::string(1 << 20, 'x'));
+  update.SetCondition("name != '?'");
+  std::string codes;
+  for (int nth = 1; nth <= 8; ++nth) {
+    db.SetErr(0);
+    Faults::FailAllocation(1 << 20, nth);
+    const bool ok = db.UpdateRecords({update});
+    Faults::FailAllocation(0, 0);
+    if (ok) break;
+    codes += std::to_string(db.GetErrCode()) + " ";
+    EXPECT_EQ(Query(dir.File("alloc.db"), "SELECT name FROM job"), "a") << nth;
+  }
+  // 407 from the copies made before the batch starts, 402 from inside it.
+  EXPECT_TRUE(std::regex_match(codes, std::regex("(407 )*(402 )+"))) << codes;
 }
 
 }  // namespace
