@@ -14,7 +14,6 @@
 #include "support/process.h"
 #include "support/temp_dir.h"
 #include "vantdr/json_text.h"
-#include "vantdr/sqlite_transaction.h"
 
 using namespace VantDRCore;
 using namespace VantDRTest;
@@ -106,17 +105,10 @@ TEST(SqliteStatement, BindsByIndexAndNameAndRefusesWhatIsNotThere) {
               insert.Bind(9, 4LL) && insert.Exec());
   ASSERT_TRUE(insert.BindNull("@b") && insert.BindBlob("$c", "xy", 2) && insert.Exec());
   db.Close();  // bindings survive the connection closing under the statement
-  {            // one prepared statement, run again and again in one transaction
-    SqliteTransaction transaction(db);
-    ASSERT_TRUE(transaction.Begin());
-    for (int64_t i = 0; i < 100; ++i) ASSERT_TRUE(insert.Bind(9, i) && insert.Exec());
-    ASSERT_TRUE(transaction.Commit());
-  }
+  ASSERT_TRUE(insert.Exec());
   SqliteStatement select(db, "SELECT a || '|' || quote(b) || '|' || quote(c) || '|' || d FROM p");
-  EXPECT_EQ(Column0(select)[1], "t:1|NULL|X'7879'|4");
-  EXPECT_EQ(Query(tmp.File("t.db"), "SELECT count(*) || '/' || sum(d) FROM p"), "102/4958");
-  ASSERT_TRUE(db.Exec("DELETE FROM p WHERE rowid > 3"));
-
+  EXPECT_EQ(Column0(select),
+            (Lines{"t:1|'two'|3.5|4", "t:1|NULL|X'7879'|4", "t:1|NULL|X'7879'|4"}));
   LogCapture log;
   const auto refused = [&](bool ok, const std::string& line) {
     EXPECT_FALSE(ok) << line;
