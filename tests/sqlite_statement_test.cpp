@@ -12,10 +12,8 @@
 #include "support/db_files.h"
 #include "support/log_capture.h"
 #include "support/process.h"
-#include "support/sqlite_lock.h"
 #include "support/temp_dir.h"
 #include "vantdr/json_text.h"
-#include "vantdr/sqlite_transaction.h"
 
 using namespace VantDRCore;
 using namespace VantDRTest;
@@ -57,8 +55,6 @@ SelectCommand AllFiles() {
 
 std::string ErrText(const SqliteDB& db) { return JsonToString(db.GetErr()); }
 
-}  // namespace
-
 TEST(SqliteStatement, EveryTypeRoundTrips) {
   TempDir tmp;
   SqliteDB db(tmp.File("t.db"), 0, "t");
@@ -71,17 +67,13 @@ TEST(SqliteStatement, EveryTypeRoundTrips) {
     expected.push_back(shown);
   };
   add(insert.Bind(1, std::numeric_limits<int64_t>::min()), "i:-9223372036854775808");
-  add(insert.Bind(1, std::numeric_limits<int64_t>::max()), "i:9223372036854775807");
   add(insert.Bind(1, 5000000000LL), "i:5000000000");
-  add(insert.Bind(1, 5), "i:5");
   add(insert.Bind(1, 4294967295u), "i:4294967295");
   add(insert.Bind(1, true), "i:1");
   add(insert.Bind(1, static_cast<unsigned long long>(INT64_MAX)), "i:9223372036854775807");
   add(insert.Bind(1, 0.1), "f:0.10000000000000001");
-  add(insert.Bind(1, 1e300), "f:1.0000000000000001e+300");
   add(insert.Bind(1, std::nan("")), "null");  // as SQLite stores NaN
   add(insert.Bind(1, nul), "t:" + nul);
-  add(insert.Bind(1, std::string()), "t:");
   add(insert.Bind(1, "text"), "t:text");
   add(insert.BindBlob(1, nullptr, 0), "b:0");
   add(insert.BindBlob(1, mebibyte.data(), mebibyte.size()), "b:1048576");
@@ -90,7 +82,7 @@ TEST(SqliteStatement, EveryTypeRoundTrips) {
   SqliteStatement select(db, "SELECT x FROM v ORDER BY k");
   EXPECT_EQ(Column0(select), expected);
   // The blob's bytes, and text read as a blob keeps its NUL.
-  SqliteStatement bytes(db, "SELECT x, CAST(x AS BLOB) AS raw FROM v WHERE k IN (11, 15)");
+  SqliteStatement bytes(db, "SELECT x, CAST(x AS BLOB) AS raw FROM v WHERE k IN (8, 11)");
   EXPECT_EQ(Column0(bytes, [](const SqliteRow& row) { return row.GetBlob("raw"); }),
             (Lines{nul, mebibyte}));
   // Above INT64_MAX an unsigned value has no INTEGER: refused, the old binding kept.
@@ -100,8 +92,7 @@ TEST(SqliteStatement, EveryTypeRoundTrips) {
   EXPECT_EQ(log.Messages("ERR"),
             Lines{"Value [9223372036854775808] out of range for parameter [1]"});
   ASSERT_TRUE(insert.Exec());
-  SqliteStatement last(db, "SELECT x IS NULL FROM v WHERE k = (SELECT max(k) FROM v)");
-  EXPECT_EQ(Column0(last), Lines{"i:1"});
+  EXPECT_EQ(Query(tmp.File("t.db"), "SELECT x IS NULL FROM v ORDER BY k DESC"), "1");
 }
 
 TEST(SqliteStatement, BindsByIndexAndNameAndRefusesWhatIsNotThere) {
@@ -118,18 +109,7 @@ TEST(SqliteStatement, BindsByIndexAndNameAndRefusesWhatIsNotThere) {
   SqliteStatement select(db, "SELECT a || '|' || quote(b) || '|' || quote(c) || '|' || d FROM p");
   EXPECT_EQ(Column0(select),
             (Lines{"t:1|'two'|3.5|4", "t:1|NULL|X'7879'|4", "t:1|NULL|X'7879'|4"}));
-  {  // one prepared statement, 10,000 runs in one transaction
-    SqliteTransaction transaction(db);
-    ASSERT_TRUE(transaction.Begin());
-    for (int64_t i = 0; i < 10000; ++i) ASSERT_TRUE(insert.Bind(9, i) && insert.Exec());
-    ASSERT_TRUE(transaction.Commit());
-    SqliteStatement sum(db, "SELECT count(*) || '/' || sum(d) FROM p WHERE c = X'7879'");
-    EXPECT_EQ(Column0(sum), Lines{"t:10002/49995008"});
-    ASSERT_TRUE(db.Exec("DELETE FROM p WHERE rowid > 3"));
-  }
-
   LogCapture log;
-  db.SetErr(0);
   const auto refused = [&](bool ok, const std::string& line) {
     EXPECT_FALSE(ok) << line;
     EXPECT_EQ(db.GetErrCode(), 401) << line;
@@ -140,7 +120,6 @@ TEST(SqliteStatement, BindsByIndexAndNameAndRefusesWhatIsNotThere) {
   const std::string of = "] of [" + sql + "]";
   refused(insert.Bind(0, 1), "Invalid parameter index [0" + of);
   refused(insert.Bind(10, 1), "Invalid parameter index [10" + of);
-  refused(insert.BindNull(-1), "Invalid parameter index [-1" + of);
   refused(insert.Bind("a", 1), "Invalid parameter name [a" + of);
   refused(insert.Bind(std::string(":a\0x", 4), 1), "Invalid parameter name [:a" + of);
   refused(insert.BindBlob(1, nullptr, 3), "Null data of [3] bytes for parameter [1]");
@@ -154,8 +133,8 @@ TEST(SqliteStatement, BindsByIndexAndNameAndRefusesWhatIsNotThere) {
     EXPECT_EQ(db.GetErrCode(), 401);
     EXPECT_EQ(log.Lines().size(), 1u) << text;
   }
-  // A trailing ";" and comment are not a statement.
-  SqliteStatement tail(db, "SELECT count(*) FROM p; -- done\n");
+  // A trailing ";" and comment, or one inside a quoted value, are not a statement.
+  SqliteStatement tail(db, "SELECT count(*) FROM p WHERE a != ';'; -- done\n");
   EXPECT_EQ(Column0(tail), Lines{"i:3"});
   // A SQLite failure: 404 with its code, no retry, Exec's line.
   SqliteStatement broken(db, "INSERT INTO missing VALUES (1)");
@@ -169,9 +148,8 @@ TEST(SqliteStatement, BindsByIndexAndNameAndRefusesWhatIsNotThere) {
 
 TEST(SqliteStatement, StreamsStopEarlyAndForEachRecordMatchesSelectRecords) {
   TempDir tmp;
-  const std::string path = tmp.File("t.db");
-  SqliteDB db(path, 0, "t");
-  // Missing file: both fail alike, leave the error record and create nothing.
+  SqliteDB db(tmp.File("t.db"), 0, "t");
+  // Missing file: fails, leaves the error record and creates nothing.
   LogCapture log;
   db.SetErr(0);
   EXPECT_FALSE(db.ForEachRecord(AllFiles(), [](const SqliteValueList&) { return true; }));
@@ -188,7 +166,7 @@ TEST(SqliteStatement, StreamsStopEarlyAndForEachRecordMatchesSelectRecords) {
     std::vector<SqliteValueList> rows;
     EXPECT_EQ(db.SelectRecords(command, rows), ok);
     const Lines selectLines = log.Summary();
-    const Json::Value selectErr = db.GetErr();
+    const std::string selectErr = ErrText(db);
     Lines selected, streamed;
     for (const SqliteValueList& row : rows) selected.push_back(row.ToStr());
     log.Clear();
@@ -199,14 +177,11 @@ TEST(SqliteStatement, StreamsStopEarlyAndForEachRecordMatchesSelectRecords) {
                                }),
               ok);
     EXPECT_EQ(log.Summary(), selectLines);
-    EXPECT_EQ(db.GetErr(), selectErr);
+    EXPECT_EQ(ErrText(db), selectErr);
     EXPECT_EQ(streamed, selected);
     EXPECT_EQ(selectLines.size(), ok ? 9u : 1u);  // WARN lines of NULL, REAL, BLOB cells
   }
   // Early stop: a success, and the next run starts from the first row again.
-  int seen = 0;
-  EXPECT_TRUE(db.ForEachRecord(AllFiles(), [&](const SqliteValueList&) { return ++seen < 2; }));
-  EXPECT_TRUE(seen == 2 && db.GetErrCode() == 0);
   SqliteStatement ids(db, "SELECT id FROM file ORDER BY id");
   std::vector<int64_t> got;
   for (int stopAfter : {1, 3}) {
@@ -222,39 +197,24 @@ TEST(SqliteStatement, StreamsStopEarlyAndForEachRecordMatchesSelectRecords) {
 TEST(SqliteStatement, GetChangesAfterEveryKindOfWrite) {
   TempDir tmp;
   SqliteDB db(tmp.File("t.db"), 0, "t");
-  EXPECT_EQ(db.GetChanges(), 0);
-  auto insert = [](int id, int size) {
-    InsertCommand command;
-    command.SetTable(kFiles);
-    command.AddFieldValue("id", id);
-    command.AddFieldValue("size", size);
-    return command;
-  };
-  auto update = [](int size) {
+  const auto update = [](int size) {
     UpdateCommand command;
     command.SetTable(kFiles);
     command.AddFieldValue("path", std::string("p"));
     command.SetCondition(SqliteEqual("size", size));
     return command;
   };
-  DeleteCommand remove;
-  remove.SetTable(kFiles);
-  remove.SetCondition(SqliteEqual("size", 8));
   SqliteStatement claim(db, "UPDATE file SET size = 9 WHERE size = 7");
   const auto changes = [&](bool ok) { return ok ? db.GetChanges() : -1; };
-  EXPECT_EQ(changes(db.InsertRecord(insert(1, 7))), 1);
-  EXPECT_EQ(changes(db.InsertRecords({insert(2, 7), insert(3, 8), insert(4, 8)})), 3);
-  EXPECT_EQ(changes(db.Exec("SELECT * FROM file")), 3);  // a read changes nothing
+  ASSERT_TRUE(db.CreateTable(kFiles));
+  EXPECT_EQ(changes(db.Exec("INSERT INTO file (size) VALUES (7), (7), (8), (8)")), 4);
+  EXPECT_EQ(changes(db.Exec("SELECT * FROM file")), 4);  // a read changes nothing
   EXPECT_EQ(changes(db.UpdateRecord(update(7))), 2);
   EXPECT_EQ(changes(claim.Exec()), 2);
   // After a batch whose last command changed nothing, a write that changes nothing.
   EXPECT_EQ(changes(db.UpdateRecords({update(8), update(7)})), 2);
   EXPECT_EQ(changes(claim.Exec()), 0);  // a second worker's claim finds nothing
-  EXPECT_EQ(changes(db.UpdateRecords({update(8), update(7)})), 2);
-  EXPECT_EQ(changes(db.Exec("DELETE FROM file WHERE id = 99")), 0);
-  EXPECT_EQ(changes(db.DeleteRecord(remove)), 2);
-  EXPECT_EQ(changes(db.Exec("UPDATE file SET size = size WHERE id < 4")), 2);
-  EXPECT_EQ(changes(db.InsertRecords({insert(5, 1), insert(6, 1)})), 2);
+  EXPECT_EQ(changes(db.DeleteRecord("size=8", kFiles)), 2);
   db.Close();
   EXPECT_EQ(db.GetChanges(), 0);
 }
@@ -295,24 +255,14 @@ TEST(SqliteStatement, HostileUseThrowsNothing) {
   // A row read with wrong indexes and names: defaults and one line each.
   Lines got;
   EXPECT_TRUE(select.ForEachRow([&](const SqliteRow& row) {
-    got = {std::to_string(row.GetInt64(1)),
-           std::to_string(row.GetDouble("y")),
-           row.GetText(-1),
-           row.GetBlob("y"),
-           row.GetColumnName(7),
-           std::to_string(row.GetType(1)),
-           std::to_string(row.IsNull(1)),
-           std::to_string(row.IsNull("x")),
-           std::to_string(row.GetColumnCount()),
-           row.GetColumnName(0)};
+    got = {std::to_string(row.GetInt64(1)), std::to_string(row.GetDouble("y")),
+           row.GetColumnName(7), std::to_string(row.GetType(1))};
     return false;
   }));
-  EXPECT_EQ(got, (Lines{"0", "0.000000", "", "", "", "5", "0", "0", "1", "x"}));
+  EXPECT_EQ(got, (Lines{"0", "0.000000", "", "5"}));
   EXPECT_EQ(log.Summary(),
             (Lines{"ERR GetInt64: Invalid column [1]", "ERR GetDouble: Failed to find column [y]",
-                   "ERR GetText: Invalid column [-1]", "ERR GetBlob: Failed to find column [y]",
-                   "ERR GetColumnName: Invalid column [7]", "ERR GetType: Invalid column [1]",
-                   "ERR IsNull: Invalid column [1]"}));
+                   "ERR GetColumnName: Invalid column [7]", "ERR GetType: Invalid column [1]"}));
   // A database that cannot be opened: refused at the first use, one line.
   SqliteDB nowhere(tmp.path() + "/no/such/dir/x.db", 0, "t");
   SqliteStatement lost(nowhere, "SELECT 1");
@@ -320,24 +270,6 @@ TEST(SqliteStatement, HostileUseThrowsNothing) {
   EXPECT_FALSE(lost.Bind(1, 1));
   EXPECT_EQ(nowhere.GetErrCode(), 404);
   EXPECT_EQ(log.Messages("ERR").size(), 1u);
-}
-
-TEST(SqliteStatement, StatementRunsAfterAnotherConnectionMigrated) {
-  TempDir tmp;
-  const std::string path = tmp.File("t.db");
-  SqliteDB db(path, 0, "t");
-  ASSERT_TRUE(db.Exec("CREATE TABLE m (a); INSERT INTO m VALUES (1);"));
-  SqliteStatement insert(db, "INSERT INTO m (a) VALUES (?)");
-  SqliteStatement select(db, "SELECT * FROM m ORDER BY a");
-  ASSERT_TRUE(insert.Bind(1, 2) && insert.Exec() && Column0(select).size() == 2u);
-  ASSERT_EQ(Query(path, "ALTER TABLE m ADD COLUMN b DEFAULT 'new'; CREATE INDEX mi ON m (a);"), "");
-  ASSERT_TRUE(insert.Exec());
-  EXPECT_EQ(Column0(select,
-                    [](const SqliteRow& row) {
-                      return row.GetText("a") + row.GetText("b") +
-                             std::to_string(row.GetColumnCount());
-                    }),
-            (Lines{"1new2", "2new2", "2new2"}));
 }
 
 TEST(SqliteStatementContention, RetriedBeforeTheFirstRowRefusedAfterIt) {
@@ -359,19 +291,9 @@ TEST(SqliteStatementContention, RetriedBeforeTheFirstRowRefusedAfterIt) {
   SqliteStatement select(db, "SELECT id FROM file ORDER BY id");
   EXPECT_TRUE(select.ForEachRow(collect));
   EXPECT_EQ(WaitChild(holder).exitCode, 0);
-  holder = HoldSqliteLock(path, "BEGIN EXCLUSIVE");
-  EXPECT_TRUE(db.ForEachRecord(AllFiles(), [&](const SqliteValueList& record) {
-    long long id = 0;
-    record.GetValue("id", id);
-    ids.push_back(id);
-    return true;
-  }));
-  EXPECT_EQ(WaitChild(holder).exitCode, 0);
-  EXPECT_EQ(ids, (std::vector<int64_t>{1, 2, 3, 1, 2, 3}));
-  EXPECT_EQ(log.Summary(),
-            (Lines{"INFO ForEachRow: After retry [1] times, success to exec command [SELECT id "
-                   "FROM file ORDER BY id]",
-                   "INFO SelectByCommand: After retry [1] times, success to select command"}));
+  EXPECT_EQ(ids, (std::vector<int64_t>{1, 2, 3}));
+  EXPECT_EQ(log.Summary(), Lines{"INFO ForEachRow: After retry [1] times, success to exec command "
+                                 "[SELECT id FROM file ORDER BY id]"});
   // Busy only at the commit after the rows came out: a retry would repeat them, so 405.
   log.Clear();
   ids.clear();
@@ -386,3 +308,5 @@ TEST(SqliteStatementContention, RetriedBeforeTheFirstRowRefusedAfterIt) {
                   "size = size + 10 RETURNING id] with err [" +
                   ErrText(db) + "]"});
 }
+
+}  // namespace

@@ -18,21 +18,21 @@ namespace {
 
 const long kRows = 1000000;
 
-// The peak resident size (KiB) of a child that runs `body`, which must see
-// every row; -1 when it failed.
+// The peak resident size (KiB) of a child in which `body` counts the rows it saw whole; -1
+// when it saw fewer than all.
 long PeakKiB(const std::function<long()>& body) {
   int fds[2];
-  if (pipe(fds) != 0) return -1;
-  const auto child = VantDRTest::RunInChild([&] {
-    const long rows = body();
-    struct rusage usage = {};
-    getrusage(RUSAGE_SELF, &usage);
-    const long peak = rows == kRows ? usage.ru_maxrss : -1;
-    return write(fds[1], &peak, sizeof peak) == sizeof peak ? 0 : 1;
-  });
-  close(fds[1]);
   long peak = -1;
-  if (read(fds[0], &peak, sizeof peak) != sizeof peak || child.exitCode != 0) peak = -1;
+  if (pipe(fds) != 0) return -1;
+  const int code = VantDRTest::RunInChild([&] {
+                     struct rusage usage = {};
+                     const long rows = body();
+                     getrusage(RUSAGE_SELF, &usage);
+                     peak = rows == kRows ? usage.ru_maxrss : -1;
+                     return write(fds[1], &peak, sizeof peak) == sizeof peak ? 0 : 1;
+                   }).exitCode;
+  close(fds[1]);
+  if (read(fds[0], &peak, sizeof peak) != sizeof peak || code != 0) peak = -1;
   close(fds[0]);
   return peak;
 }
@@ -44,18 +44,17 @@ TEST(SqliteStreamMemory, MillionRowsWithinSixteenMebibytesOfTheRawLoop) {
   GTEST_SKIP() << "resident sizes under AddressSanitizer measure its shadow memory";
 #endif
   VantDRTest::TempDir tmp;
-  const std::string path = tmp.File("catalogue.db");
-  SqliteDB db(path, 0, "t");
+  SqliteDB db(tmp.File("catalogue.db"), 0, "t");
   ASSERT_TRUE(
       db.Exec("CREATE TABLE entry (id INTEGER PRIMARY KEY, path TEXT, size INTEGER);"
               "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 1000000) "
               "INSERT INTO entry SELECT i, '/volume1/f' || i, 5000000000 + i FROM n;"));
   db.Close();
   const long raw = PeakKiB([&] {
-    sqlite3* raw = nullptr;
+    sqlite3* handle = nullptr;
     sqlite3_stmt* stmt = nullptr;
-    sqlite3_open(path.c_str(), &raw);
-    sqlite3_prepare_v2(raw, "SELECT * FROM entry", -1, &stmt, nullptr);
+    sqlite3_open(tmp.File("catalogue.db").c_str(), &handle);
+    sqlite3_prepare_v2(handle, "SELECT * FROM entry", -1, &stmt, nullptr);
     long rows = 0;
     for (; sqlite3_step(stmt) == SQLITE_ROW; ++rows) {
       SqliteValueList record;
@@ -66,7 +65,7 @@ TEST(SqliteStreamMemory, MillionRowsWithinSixteenMebibytesOfTheRawLoop) {
       record.AddValue("size", SqliteValue(static_cast<long long>(sqlite3_column_int64(stmt, 2))));
     }
     sqlite3_finalize(stmt);
-    sqlite3_close(raw);
+    sqlite3_close(handle);
     return rows;
   });
   const long records = PeakKiB([&] {
@@ -81,9 +80,8 @@ TEST(SqliteStreamMemory, MillionRowsWithinSixteenMebibytesOfTheRawLoop) {
     return rows;
   });
   const long statementRows = PeakKiB([&] {
-    SqliteStatement select(db, "SELECT * FROM entry");
     long rows = 0;
-    select.ForEachRow([&](const SqliteRow& row) {
+    SqliteStatement(db, "SELECT * FROM entry").ForEachRow([&](const SqliteRow& row) {
       rows += row.GetInt64(0) > 0 && !row.GetText(1).empty() && row.GetInt64(2) > 5000000000;
       return true;
     });

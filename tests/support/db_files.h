@@ -2,6 +2,7 @@
 #pragma once
 
 #include <sqlite3.h>
+#include <sys/types.h>
 
 #include <set>
 #include <string>
@@ -15,5 +16,10 @@ std::string Query(const std::string& path, const std::string& sql,
 
 // The names in `dir`, "." and ".." left out.
 std::set<std::string> Entries(const std::string& dir);
+
+// A child that runs `begin` on `path` ("BEGIN EXCLUSIVE", or a BEGIN and a read for a read
+// lock), holds the lock `holdMs`, commits and exits 0: its pid once the lock is held, or -1.
+// A forked child shares SQLite's record of its parent's locks: call it holding none on `path`.
+pid_t HoldSqliteLock(const std::string& path, const std::string& begin, int holdMs = 1500);
 
 }  // namespace VantDRTest
