@@ -18,9 +18,8 @@
 
 #include "support/db_files.h"
 #include "support/log_capture.h"
-#include "support/private_tmpfs.h"
+#include "support/file_sandbox.h"
 #include "support/process.h"
-#include "support/syscall_filter.h"
 #include "support/temp_dir.h"
 #include "support/test_cache.h"
 #include "vantcore/vlibc.h"

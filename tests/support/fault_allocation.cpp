@@ -1,7 +1,5 @@
-// Replaces the global allocation functions for the executables that link
-// the fault harness, so that one large allocation can be made to fail.
-// The state is plain zero-initialised data: allocation starts before any
-// constructor runs.
+// Global allocation functions for the executables that link the fault harness. Plain
+// zero-initialised state: allocation starts before any constructor runs.
 #include <cstdlib>
 #include <new>
 
@@ -10,43 +8,28 @@
 namespace {
 
 size_t g_bytes = 0;  // 0: nothing armed
-int g_nth = 0;
-int g_count = 0;
+int g_nth = 0, g_count = 0;
 
 void* Allocate(size_t size) {
   if (g_bytes > 0 && size >= g_bytes && ++g_count == g_nth) return nullptr;
   return std::malloc(size > 0 ? size : 1);
 }
 
+void* OrThrow(void* p) { return p != nullptr ? p : throw std::bad_alloc(); }
+
 }  // namespace
 
-namespace VantDRTest {
-namespace Faults {
-
-void FailAllocation(size_t bytes, int nth) {
+void VantDRTest::Faults::FailAllocation(size_t bytes, int nth) {
   g_bytes = 0;
   g_count = 0;
   g_nth = nth;
   g_bytes = bytes;
 }
 
-int LargeAllocations() { return g_count; }
+int VantDRTest::Faults::LargeAllocations() { return g_count; }
 
-}  // namespace Faults
-}  // namespace VantDRTest
-
-void* operator new(size_t size) {
-  void* p = Allocate(size);
-  if (p == nullptr) throw std::bad_alloc();
-  return p;
-}
-
-void* operator new[](size_t size) {
-  void* p = Allocate(size);
-  if (p == nullptr) throw std::bad_alloc();
-  return p;
-}
-
+void* operator new(size_t size) { return OrThrow(Allocate(size)); }
+void* operator new[](size_t size) { return OrThrow(Allocate(size)); }
 void* operator new(size_t size, const std::nothrow_t&) noexcept { return Allocate(size); }
 void* operator new[](size_t size, const std::nothrow_t&) noexcept { return Allocate(size); }
 void operator delete(void* p) noexcept { std::free(p); }
