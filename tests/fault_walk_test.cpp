@@ -35,7 +35,6 @@ namespace {
 
 const bool kFullWalk = getenv("VANTDR_FAULTS") && std::string(getenv("VANTDR_FAULTS")) == "full";
 const size_t kHuge = 1 << 20;  // stands for the gigabyte lines met in the field
-const size_t kLarge = 256 << 10;
 
 Json::Value Doc(int v) {
   Json::Value doc;
@@ -108,47 +107,36 @@ class Walker {
  public:
   explicit Walker(const std::string& dir) : dir_(dir) {}
 
+  // Runs `op` once per call of each kind in `calls` its fault-free run makes, that call failing.
   void Walk(const Operation& op, const std::vector<Faults::Call>& calls) {
     op.setup();  // a first run makes what persists between runs (the lock directory)
     op.check(op.run(), true);
+    op.setup();
+    size_t cleanLines = 0;
+    {
+      LogCapture log;
+      Faults::Arm();
+      const bool ok = op.run();
+      Faults::Disarm();
+      const std::string problem = op.check(ok, true);
+      if (!ok || !problem.empty()) problems.push_back(op.name + " without faults: " + problem);
+      cleanLines = log.Lines().size();
+    }
     std::map<Faults::Call, int> counts;
-    const size_t clean = Clean(
-        op, [] { Faults::Arm(); },
-        [&] {
-          Faults::Disarm();
-          for (Faults::Call call : calls) counts[call] = Faults::Count(call);
-        });
+    for (Faults::Call call : calls) counts[call] = Faults::Count(call);
+    if (counts.count(Faults::kAllocation) && counts[Faults::kAllocation] == 0) {
+      problems.push_back(op.name + " made no large allocation");
+    }
     const std::vector<int>& all = Faults::Errnos();
     size_t rotation = 0;
     for (Faults::Call call : calls) {
       for (int nth = 1; nth <= counts[call]; ++nth) {
         for (size_t e = 0; e < (kFullWalk ? all.size() : 1); ++e) {
-          const int error = all[kFullWalk ? e : rotation++ % all.size()];
-          Case(
-              op,
-              op.name + " with " + Faults::Name(call) + " #" + std::to_string(nth) + " failing " +
-                  Faults::ErrnoName(error) + ": ",
-              [=] { Faults::Arm(call, nth, error); }, [] { Faults::Disarm(); }, clean, &call);
+          const int error =
+              call == Faults::kAllocation ? ENOMEM : all[kFullWalk ? e : rotation++ % all.size()];
+          Case(op, call, nth, error, cleanLines);
         }
       }
-    }
-  }
-
-  // Once per allocation of at least kLarge bytes, with that allocation failing.
-  void WalkAllocations(const Operation& op) {
-    int large = 0;
-    const size_t clean = Clean(
-        op, [] { Faults::FailAllocation(kLarge, 0); },
-        [&] {
-          large = Faults::LargeAllocations();
-          Faults::FailAllocation(0, 0);
-        });
-    if (large == 0) problems.push_back(op.name + " made no large allocation");
-    for (int nth = 1; nth <= large; ++nth) {
-      Case(
-          op, op.name + " with large allocation #" + std::to_string(nth) + " failing: ",
-          [=] { Faults::FailAllocation(kLarge, nth); }, [] { Faults::FailAllocation(0, 0); }, clean,
-          nullptr);
     }
   }
 
@@ -161,38 +149,27 @@ class Walker {
   std::vector<std::string> problems;
 
  private:
-  size_t Clean(const Operation& op, const std::function<void()>& arm,
-               const std::function<void()>& disarm) {
-    op.setup();
-    LogCapture log;
-    arm();
-    const bool ok = op.run();
-    disarm();
-    const std::string problem = op.check(ok, true);
-    if (!ok || !problem.empty()) problems.push_back(op.name + " without faults: " + problem);
-    return log.Lines().size();
-  }
-
-  // `call` is the kind failed, null for an allocation.
-  void Case(const Operation& op, const std::string& where, const std::function<void()>& arm,
-            const std::function<void()>& disarm, size_t cleanLines, const Faults::Call* call) {
+  void Case(const Operation& op, Faults::Call call, int nth, int error, size_t cleanLines) {
+    const std::string where = op.name + " with " + Faults::Name(call) + " #" + std::to_string(nth) +
+                              " failing " + Faults::ErrnoName(error) + ": ";
     ++cases;
     const size_t descriptors = Entries("/proc/self/fd").size();
     op.setup();
     const std::set<std::string> before = Entries(dir_);
     LogCapture log;
     bool ok = false;
-    arm();
+    Faults::Arm(call, nth, error);
     try {
       ok = op.run();
     } catch (...) {
-      disarm();
+      Faults::Disarm();
       problems.push_back(where + "an exception escaped");
       return;
     }
-    disarm();
-    // The calls before the nth are those of the fault-free run.
-    if (call != nullptr && !Faults::Fired()) problems.push_back(where + "the call was never made");
+    Faults::Disarm();
+    // The calls before the nth are those of the fault-free run (not so for allocations).
+    if (call != Faults::kAllocation && !Faults::Fired())
+      problems.push_back(where + "the call was never made");
     if (log.Lines().size() > cleanLines + static_cast<size_t>(op.extraLines)) {
       problems.push_back(where + std::to_string(log.Lines().size()) +
                          " log lines, first: " + log.Lines().front().text.substr(0, 200));
@@ -200,12 +177,10 @@ class Walker {
     const std::string problem = op.check(ok, false);
     if (!problem.empty()) problems.push_back(where + problem);
     const size_t after = Entries("/proc/self/fd").size();
-    if (after != descriptors)
-      problems.push_back(where + "descriptors leaked: " + std::to_string(after));
+    if (after != descriptors) problems.push_back(where + "descriptors: " + std::to_string(after));
     for (const std::string& name : Entries(dir_)) {
-      const bool allowed = call != nullptr && *op.leftover != '\0' &&
-                           name.rfind(op.leftover, 0) == 0 &&
-                           (!op.leftByUnlink || *call == Faults::kUnlink);
+      const bool allowed = *op.leftover != '\0' && name.rfind(op.leftover, 0) == 0 &&
+                           (!op.leftByUnlink || call == Faults::kUnlink);
       if (before.count(name) == 0 && !allowed) {
         problems.push_back(where + "left " + name);
         unlink((dir_ + "/" + name).c_str());
@@ -625,8 +600,8 @@ TEST(HugeInput, FailedAllocationsBecomeFailureResults) {
        }},
   };
   Walker walker(dir.path());
-  for (const Operation& op : ops) walker.WalkAllocations(op);
-  for (const std::string& problem : walker.problems) ADD_FAILURE() << problem;
+  for (const Operation& op : ops) walker.Walk(op, {Faults::kAllocation});
+  walker.Report();
 }
 
 }  // namespace

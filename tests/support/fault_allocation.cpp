@@ -1,32 +1,25 @@
-// Global allocation functions for the executables that link the fault harness. Plain
-// zero-initialised state: allocation starts before any constructor runs.
+// Global allocation functions for the executables that link the fault harness: a large
+// allocation is a call the harness counts and can fail.
 #include <cstdlib>
 #include <new>
 
 #include "support/fault_injection.h"
 
+namespace VantDRTest::Faults {
+bool Inject(Call call);  // fault_injection.cpp
+}  // namespace VantDRTest::Faults
+
 namespace {
 
-size_t g_bytes = 0;  // 0: nothing armed
-int g_nth = 0, g_count = 0;
-
 void* Allocate(size_t size) {
-  if (g_bytes > 0 && size >= g_bytes && ++g_count == g_nth) return nullptr;
+  using namespace VantDRTest::Faults;
+  if (size >= (256 << 10) && Inject(kAllocation)) return nullptr;
   return std::malloc(size > 0 ? size : 1);
 }
 
 void* OrThrow(void* p) { return p != nullptr ? p : throw std::bad_alloc(); }
 
 }  // namespace
-
-void VantDRTest::Faults::FailAllocation(size_t bytes, int nth) {
-  g_bytes = 0;
-  g_count = 0;
-  g_nth = nth;
-  g_bytes = bytes;
-}
-
-int VantDRTest::Faults::LargeAllocations() { return g_count; }
 
 void* operator new(size_t size) { return OrThrow(Allocate(size)); }
 void* operator new[](size_t size) { return OrThrow(Allocate(size)); }

@@ -46,9 +46,9 @@ bool Inject(Call call) {
 }
 
 const char* Name(Call call) {
-  static const char* const names[kCallKinds] = {"open",  "read",   "write",     "fsync",
-                                                "close", "rename", "unlink",    "flock",
-                                                "fork",  "pipe2",  "setresuid", "setresgid"};
+  static const char* const names[kCallKinds] = {
+      "open",  "read", "write", "fsync",     "close",     "rename",          "unlink",
+      "flock", "fork", "pipe2", "setresuid", "setresgid", "large allocation"};
   return call >= 0 && call < kCallKinds ? names[call] : "?";
 }
 

@@ -15,18 +15,19 @@ namespace Faults {
 
 // Kinds of call; each groups the entry points that do that work.
 enum Call {
-  kOpen,       // open, open64, openat, openat64, fopen, fopen64, fdopen
-  kRead,       // read, pread64
-  kWrite,      // write, pwrite64, fflush
-  kFsync,      // fsync, fdatasync
-  kClose,      // close, fclose (the descriptor is released, as the kernel does)
-  kRename,     // rename, renameat, linkat (the calls that name a file)
-  kUnlink,     // unlink, unlinkat
-  kFlock,      // flock
-  kFork,       // fork
-  kPipe2,      // pipe2
-  kSetresuid,  // setresuid
-  kSetresgid,  // setresgid
+  kOpen,        // open, open64, openat, openat64, fopen, fopen64, fdopen
+  kRead,        // read, pread64
+  kWrite,       // write, pwrite64, fflush
+  kFsync,       // fsync, fdatasync
+  kClose,       // close, fclose (the descriptor is released, as the kernel does)
+  kRename,      // rename, renameat, linkat (the calls that name a file)
+  kUnlink,      // unlink, unlinkat
+  kFlock,       // flock
+  kFork,        // fork
+  kPipe2,       // pipe2
+  kSetresuid,   // setresuid
+  kSetresgid,   // setresgid
+  kAllocation,  // operator new of at least 256 KiB (fault_allocation.cpp)
   kCallKinds
 };
 
@@ -44,10 +45,6 @@ bool Fired();             // the armed fault was injected
 bool FiredOn(Call call);  // ... into a call of `call`
 // The arguments of usleep since Arm (counted, never failed).
 const std::vector<unsigned>& Sleeps();
-
-// Makes the nth allocation (operator new) of at least `bytes` fail (0: none); `bytes` 0 stops.
-void FailAllocation(size_t bytes, int nth);
-int LargeAllocations();  // allocations of at least those bytes since FailAllocation
 
 // Makes sqlite3_step return `result` on its nth call (0: never; Arm clears it) without stepping:
 // SQLite cannot be made to report contention in the middle of a query's rows any other way.
