@@ -17,8 +17,8 @@
 #include <vector>
 
 #include "support/db_files.h"
-#include "support/log_capture.h"
 #include "support/file_sandbox.h"
+#include "support/log_capture.h"
 #include "support/process.h"
 #include "support/temp_dir.h"
 #include "support/test_cache.h"
@@ -36,8 +36,9 @@ extern "C" char** environ;
 namespace {
 
 const uid_t kAttacker = 65534;
-// Root's, and a cache document: served, it would show.
+// A root file only root may read, and a cache document: served, it would show.
 const std::string kSecret = R"({"cached_data":{"v":666}})";
+const char* const kSecretPath = "/tmp/rootdir/secret";
 
 // In the body (a forked child): fail with `code` unless `cond` holds.
 #define CHECK_OR(code, cond)  \
@@ -45,12 +46,13 @@ const std::string kSecret = R"({"cached_data":{"v":666}})";
     if (!(cond)) return code; \
   } while (0)
 
-// Runs `body` as root on a fresh private /tmp; a hang ends the child.
+// Runs `body` as root on a fresh private /tmp holding kSecretPath; a hang ends the child.
 void OnPrivateTmp(const std::function<int()>& body) {
   VANTDR_ON_PRIVATE_TMPFS(code, 1 << 20, [&](const std::string&) {
     if (mount("tmpfs", "/tmp", "tmpfs", 0, "mode=1777,size=256m") != 0) return 97;
+    if (mkdir("/tmp/rootdir", 0700) != 0 || !WriteText(kSecretPath, kSecret)) return 96;
     alarm(60);
-    return body();
+    return chmod(kSecretPath, 0600) == 0 ? body() : 96;
   });
   EXPECT_EQ(code, 0);
 }
@@ -70,15 +72,8 @@ pid_t StartAttacker(const std::function<int()>& body) {
   });
 }
 
-// A root file only root may read: the victim of every attack.
-std::string RootSecret() {
-  mkdir("/tmp/rootdir", 0700);
-  WriteText("/tmp/rootdir/secret", kSecret);
-  chmod("/tmp/rootdir/secret", 0600);
-  return "/tmp/rootdir/secret";
-}
-
-bool Untouched(const std::string& path, const std::string& text = kSecret, uid_t uid = 0) {
+bool Untouched(const std::string& path = kSecretPath, const std::string& text = kSecret,
+               uid_t uid = 0) {
   struct stat st;
   return lstat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) && st.st_uid == uid &&
          ReadText(path) == text;
@@ -91,15 +86,13 @@ TEST(LocalAttacker, ExchangedDirectoryNeverHandsARootFileOver) {
   for (const bool attackerDir : {false, true}) {
     SCOPED_TRACE(attackerDir ? "cache directory of the attacker" : "fallback path");
     OnPrivateTmp([&] {
-      const std::string secret = RootSecret();
       CHECK_OR(2, AsAttacker([&] {
-                 if (attackerDir && mkdir("/tmp/cachedir", 0777) != 0) return 1;
-                 if (mkdir("/tmp/swap", 0777) != 0 || symlink("/tmp/rootdir", "/tmp/swaplink") != 0)
-                   return 1;
-                 if (!WriteText("/tmp/swap/secret", "mine")) return 1;
-                 const std::string link =
+                 const char* link =
                      attackerDir ? "/tmp/cachedir/c.cached" : "/tmp/default_dr_cache";
-                 return symlink("/tmp/swap/secret", link.c_str());
+                 return (attackerDir && mkdir("/tmp/cachedir", 0777) != 0) ||
+                        mkdir("/tmp/swap", 0777) != 0 || !WriteText("/tmp/swap/secret", "mine") ||
+                        symlink("/tmp/rootdir", "/tmp/swaplink") != 0 ||
+                        symlink("/tmp/swap/secret", link) != 0;
                }));
       const pid_t swapper = StartAttacker([] {
         for (;;) syscall(SYS_renameat2, AT_FDCWD, "/tmp/swap", AT_FDCWD, "/tmp/swaplink", 2);
@@ -112,9 +105,8 @@ TEST(LocalAttacker, ExchangedDirectoryNeverHandsARootFileOver) {
         if (cache.UpdateWithData(Data(i))) failed = 3;
         wrote += File::Write(cache.GetCachePath(), Data(i));
         struct stat st;
-        if (stat(secret.c_str(), &st) != 0 || st.st_uid != 0 || (st.st_mode & 07777) != 0600) {
+        if (stat(kSecretPath, &st) != 0 || st.st_uid != 0 || (st.st_mode & 07777) != 0600)
           failed = 4;
-        }
       }
       kill(swapper, SIGKILL);
       WaitChild(swapper);
@@ -188,14 +180,13 @@ TEST(LocalAttacker, TemporaryNamesCannotBeOccupiedAndCleanUpIsBounded) {
 // Files, links and FIFOs at the cache's name: not read, written through, or waited for.
 TEST(LocalAttacker, PlantedCacheFilesAreNeitherTrustedNorWrittenThrough) {
   const char* path = "/tmp/default_dr_cache";
-  for (const char* plant : {"file", "/tmp/rootdir/secret", "/dev/zero", "fifo"}) {
+  for (const char* plant : {"file", kSecretPath, "/dev/zero", "fifo"}) {
     SCOPED_TRACE(plant);
     OnPrivateTmp([&] {
-      const std::string secret = RootSecret();
       CHECK_OR(2, AsAttacker([&] {
                  if (std::string(plant) == "fifo") return mkfifo(path, 0666);
                  if (plant[0] == '/') return symlink(plant, path);
-                 return WriteText(path, R"({"cached_data":{"v":666}})") ? 0 : 1;
+                 return WriteText(path, kSecret) ? 0 : 1;
                }));
       struct stat before, after;
       lstat(path, &before);
@@ -204,7 +195,7 @@ TEST(LocalAttacker, PlantedCacheFilesAreNeitherTrustedNorWrittenThrough) {
       LogCapture log;
       CHECK_OR(3, cache.GetCachedData() == Data(0));
       CHECK_OR(4, !cache.UpdateWithData(Data(1)));
-      CHECK_OR(5, Untouched(secret));
+      CHECK_OR(5, Untouched());
       CHECK_OR(6, lstat(path, &after) == 0 && after.st_ino == before.st_ino &&
                       after.st_size == before.st_size);
       CHECK_OR(7, log.Count("Refused [/tmp/default_dr_cache]: a link, special file or file of "
@@ -240,7 +231,6 @@ TEST(LocalAttacker, PlantedPidFilesNeitherBlockNorStopRefreshes) {
 // Another user's lock directory, links and FIFOs in it are refused; no child inherits a lock.
 TEST(LocalAttacker, LockDirectoryOfAnotherUserIsRefused) {
   OnPrivateTmp([&] {
-    const std::string secret = RootSecret();
     CHECK_OR(2, AsAttacker([] {
                if (mkdir("/tmp/.vantdr_lock", 0777) != 0 || chmod("/tmp/.vantdr_lock", 0777) != 0)
                  return 1;
@@ -252,7 +242,7 @@ TEST(LocalAttacker, LockDirectoryOfAnotherUserIsRefused) {
       FileLock lock(name);
       CHECK_OR(3, !lock.lock(LOCK_EX | LOCK_NB, 0));
     }
-    CHECK_OR(4, access("/tmp/rootdir/created", F_OK) != 0 && Untouched(secret));
+    CHECK_OR(4, access("/tmp/rootdir/created", F_OK) != 0 && Untouched());
     CHECK_OR(5, log.Count("Failed to open lock file[/tmp/.vantdr_lock/new], errno=Permission "
                           "denied") == 1);
     // Root's own directory, made under a careless umask: closed to others.
@@ -286,10 +276,9 @@ TEST(LocalAttacker, BuilderTextRunsAsExactlyOneStatement) {
   SqliteDB db(dir.File("db"), 0, "t");
   ASSERT_TRUE(db.Exec("CREATE TABLE victim (v INTEGER); INSERT INTO victim VALUES (1);"));
   const SqliteTableHandler job("job", "id INTEGER, name TEXT");
-  const SqliteTableHandler bad("job (id INTEGER); DROP TABLE victim; --", "id INTEGER");
   InsertCommand field, table;
   field.SetTable(job);
-  table.SetTable(bad);
+  table.SetTable(SqliteTableHandler("job (id INTEGER); DROP TABLE victim; --", "id INTEGER"));
   field.AddFieldValue("id) VALUES (1); DROP TABLE victim; --", 1);
   table.AddFieldValue("id", 1);
   UpdateCommand update;
