@@ -54,8 +54,6 @@ Json::Value CachedData(const std::string& path) {
   return doc.isObject() && doc.isMember("cached_data") ? doc["cached_data"] : "unreadable";
 }
 
-std::string Expect(bool holds, const std::string& what) { return holds ? "" : what; }
-
 // Observes a lock without the interposed calls: true when `path` is locked.
 bool LockedElsewhere(const std::string& path) {
   const int fd = static_cast<int>(syscall(SYS_openat, AT_FDCWD, path.c_str(), O_RDONLY));
@@ -96,8 +94,8 @@ struct Operation {
   std::string name;
   std::function<void()> setup;  // runs without faults, before the descriptor count
   std::function<bool()> run;    // under the fault; true for the success result
-  // After `run`, without faults: "" when right; `clean` for the fault-free run.
-  std::function<std::string(bool ok, bool clean)> check;
+  // After `run`, without faults: whether result and files are right (`clean`: no fault).
+  std::function<bool(bool ok, bool clean)> check;
   int extraLines = 1;         // log lines a failure may add to a clean run's
   const char* leftover = "";  // the prefix of names a failure may add to the directory
   bool leftByUnlink = false;  // ... only when the failed call is an unlink
@@ -118,8 +116,7 @@ class Walker {
       Faults::Arm();
       const bool ok = op.run();
       Faults::Disarm();
-      const std::string problem = op.check(ok, true);
-      if (!ok || !problem.empty()) problems.push_back(op.name + " without faults: " + problem);
+      if (!ok || !op.check(ok, true)) problems.push_back(op.name + " fails without faults");
       cleanLines = log.Lines().size();
     }
     std::map<Faults::Call, int> counts;
@@ -173,8 +170,7 @@ class Walker {
       problems.push_back(where + std::to_string(log.Lines().size()) +
                          " log lines, first: " + log.Lines().front().text.substr(0, 200));
     }
-    const std::string problem = op.check(ok, false);
-    if (!problem.empty()) problems.push_back(where + problem);
+    if (!op.check(ok, false)) problems.push_back(where + "wrong result or files");
     const size_t after = Entries("/proc/self/fd").size();
     if (after != descriptors) problems.push_back(where + "descriptors: " + std::to_string(after));
     for (const std::string& name : Entries(dir_)) {
@@ -212,7 +208,7 @@ std::vector<Operation> FileOperations(Home& h) {
   auto descriptor = [&h] {
     const bool opened = !Faults::FiredOn(Faults::kOpen), open = fcntl(h.fd, F_GETFD) >= 0;
     if (open) close(h.fd);
-    return Expect(open != opened, opened ? "descriptor left open" : "descriptor closed");
+    return open != opened;
   };
   auto writes = [](const std::string& path) { return [=] { return File::Write(path, Doc(2)); }; };
   // Written in place through links; a failed open keeps the old document.
@@ -227,19 +223,15 @@ std::vector<Operation> FileOperations(Home& h) {
       const bool links = lstat(link.c_str(), &st) == 0 && S_ISLNK(st.st_mode) &&
                          stat(twin.c_str(), &st) == 0 && st.st_nlink == 2;
       const Json::Value now = ReadDoc(path);
-      return Expect(links, "a link was replaced") +
-             Expect(!ok || now == Doc(2), "document not written") +
-             Expect(ok || !Faults::FiredOn(Faults::kOpen) || now == Doc(1),
-                    "a failure to open changed the document");
+      return links && (ok ? now == Doc(2) : !Faults::FiredOn(Faults::kOpen) || now == Doc(1));
     };
   };
   return {
       {"File::Write(path)", [=] { File::Write(doc, Doc(1)); }, writes(doc),
-       [=](bool ok, bool) { return Expect(ReadDoc(doc) == Doc(ok ? 2 : 1), "document differs"); }},
+       [=](bool ok, bool) { return ReadDoc(doc) == Doc(ok ? 2 : 1); }},
       {"File::Write(path) of a new file", [=] { unlink(fresh.c_str()); }, writes(fresh),
        [=](bool ok, bool) {
-         return ok ? Expect(ReadDoc(fresh) == Doc(2), "document not written")
-                   : Expect(access(fresh.c_str(), F_OK) != 0, "failure left a file");
+         return ok ? ReadDoc(fresh) == Doc(2) : access(fresh.c_str(), F_OK) != 0;
        },
        1, "fresh.json"},
       {"File::Write(path) through a symbolic link", linked, writes(link), inPlace(link)},
@@ -250,10 +242,7 @@ std::vector<Operation> FileOperations(Home& h) {
          h.value = "untouched";
        },
        [=, &h] { return File::Read(doc, h.value); },
-       [=, &h](bool ok, bool) {
-         return Expect(!ok || h.value == Doc(1), "read a different document") +
-                Expect(ReadDoc(doc) == Doc(1), "reading changed the file");
-       }},
+       [=, &h](bool ok, bool) { return (!ok || h.value == Doc(1)) && ReadDoc(doc) == Doc(1); }},
       // In place by contract: only a success promises the document.
       {"File::Write(fd)",
        [=, &h] {
@@ -261,9 +250,7 @@ std::vector<Operation> FileOperations(Home& h) {
          h.fd = open(doc.c_str(), O_WRONLY | O_TRUNC);
        },
        [&h] { return File::Write(h.fd, Doc(2)); },
-       [=](bool ok, bool) {
-         return descriptor() + Expect(!ok || ReadDoc(doc) == Doc(2), "document not written");
-       }},
+       [=](bool ok, bool) { return descriptor() && (!ok || ReadDoc(doc) == Doc(2)); }},
       {"File::Read(fd)",
        [=, &h] {
          File::Write(doc, Doc(1));
@@ -271,9 +258,7 @@ std::vector<Operation> FileOperations(Home& h) {
          h.value = Json::Value();
        },
        [&h] { return File::Read(h.fd, h.value); },
-       [=, &h](bool ok, bool) {
-         return descriptor() + Expect(!ok || h.value == Doc(1), "read a different document");
-       }},
+       [=, &h](bool ok, bool) { return descriptor() && (!ok || h.value == Doc(1)); }},
       // A read that fails part-way ends the file early, as end of file does.
       {"File::Read<string,int>",
        [=, &h] {
@@ -284,18 +269,15 @@ std::vector<Operation> FileOperations(Home& h) {
        [&h](bool ok, bool clean) {
          const std::map<std::string, int> all = {{"a", 1}, {"b", 2}};
          const bool part = std::includes(all.begin(), all.end(), h.map.begin(), h.map.end());
-         return Expect(
-             !ok || ((clean ? h.map == all : part) && h.count == static_cast<int>(h.map.size())),
-             "entries differ");
+         return !ok || ((clean ? h.map == all : part) && h.count == static_cast<int>(h.map.size()));
        },
        2},
       {"File::CreateDir", [=] { File::RemoveDir(sub); },
        [=] { return File::CreateDir(sub + "/leaf", 0750); },
        [=](bool ok, bool) {
          struct stat st;
-         return Expect(!ok || (stat((sub + "/leaf").c_str(), &st) == 0 && S_ISDIR(st.st_mode) &&
-                               (st.st_mode & 0777) == 0750),
-                       "directory missing after success");
+         return !ok || (stat((sub + "/leaf").c_str(), &st) == 0 && S_ISDIR(st.st_mode) &&
+                        (st.st_mode & 0777) == 0750);
        },
        1, "sub"},
   };
@@ -316,17 +298,11 @@ std::vector<Operation> LockAndCacheOperations(Home& h, const std::string& name) 
          lock.unlock();
          return locked;
        },
-       [=, &h](bool, bool) {
-         return Expect(h.held, "lock() returned true without the lock") +
-                Expect(!LockedElsewhere(lockPath), "the lock outlived its FileLock");
-       },
-       2},
+       // Held while lock() said so, and not after the FileLock is gone.
+       [=, &h](bool, bool) { return h.held && !LockedElsewhere(lockPath); }, 2},
       {"Cache::UpdateWithData", [=] { StaleCache(home); },
        [=] { return WalkCache(home, false).UpdateWithData(Doc(2)); },
-       [=](bool ok, bool) {
-         return Expect(CachedData(cachePath) == Doc(ok ? 2 : 1), "cache file holds other data");
-       },
-       2},
+       [=](bool ok, bool) { return CachedData(cachePath) == Doc(ok ? 2 : 1); }, 2},
       // A failed look at the pid file means waiting for "another" updater; the pid file stays,
       // naming this live process, only when its unlink failed.
       {"Cache::Update in place", [=] { StaleCache(home); },
@@ -334,8 +310,7 @@ std::vector<Operation> LockAndCacheOperations(Home& h, const std::string& name) 
        [=](bool, bool clean) {
          unlink(pidPath.c_str());
          const Json::Value data = CachedData(cachePath);
-         return Expect(data == Doc(2) || (!clean && data == Doc(1)),
-                       "cache file holds " + JsonToString(data));
+         return data == Doc(2) || (!clean && data == Doc(1));
        },
        3, "walk.cached.pid", true},
       {"Cache::Read forking the updater",
@@ -355,14 +330,11 @@ std::vector<Operation> LockAndCacheOperations(Home& h, const std::string& name) 
          close(quiet[0]);
          close(gate[0]);
          const Json::Value data = CachedData(cachePath);
-         return Expect(finished, "the updater did not finish") +
-                // A cache file that cannot be read serves the default.
-                Expect(h.value == Doc(1) || (h.value.isNull() && (Faults::FiredOn(Faults::kOpen) ||
-                                                                  Faults::FiredOn(Faults::kRead))),
-                       "served " + JsonToString(h.value)) +
-                Expect(data == Doc(2) || (!clean && data == Doc(1)),
-                       "cache file holds " + JsonToString(data)) +
-                Expect(access(pidPath.c_str(), F_OK) != 0, "pid file left");
+         // A cache file that cannot be read serves the default.
+         return finished && access(pidPath.c_str(), F_OK) != 0 &&
+                (h.value == Doc(1) || (h.value.isNull() && (Faults::FiredOn(Faults::kOpen) ||
+                                                            Faults::FiredOn(Faults::kRead)))) &&
+                (data == Doc(2) || (!clean && data == Doc(1)));
        },
        2},
       {"pid file", [=] { WriteText(pidPath, "1\n"); },
@@ -370,8 +342,7 @@ std::vector<Operation> LockAndCacheOperations(Home& h, const std::string& name) 
        [=](bool ok, bool) {
          const std::string text = ReadText(pidPath);
          unlink(pidPath.c_str());
-         return Expect(text == (ok ? std::to_string(getpid()) + "\n" : "1\n"),
-                       "pid file holds [" + text + "]");
+         return text == (ok ? std::to_string(getpid()) + "\n" : "1\n");
        },
        0},
   };
@@ -403,10 +374,7 @@ std::vector<Operation> SqliteOperations(Home& h) {
   return {
       {"SqliteDB::InsertRecord", seed,
        [=] { return SqliteDB(path, 0, "walk").InsertRecord(Row(3)); },
-       [=](bool ok, bool) {
-         return Expect(RowsIn(path) == (ok ? 3 : 2), "rows: " + std::to_string(RowsIn(path)));
-       },
-       3},
+       [=](bool ok, bool) { return RowsIn(path) == (ok ? 3 : 2); }, 3},
       {"SqliteDB::SelectRecords", seed,
        [=, &h] {
          h.rows.clear();
@@ -415,11 +383,7 @@ std::vector<Operation> SqliteOperations(Home& h) {
          select.SelectAll();
          return SqliteDB(path, 0, "walk").SelectRecords(select, h.rows);
        },
-       [=, &h](bool ok, bool) {
-         return Expect(!ok || h.rows.size() == 2, "rows: " + std::to_string(h.rows.size())) +
-                Expect(RowsIn(path) == 2, "the database changed");
-       },
-       3},
+       [=, &h](bool ok, bool) { return (!ok || h.rows.size() == 2) && RowsIn(path) == 2; }, 3},
       // A backup is always whole: the previous one (a single row) or the new one, which only a
       // failed sync of the directory after the swap reports with false. A failed removal leaves
       // the private directory of the copy, for a later backup once this process is gone.
@@ -430,11 +394,8 @@ std::vector<Operation> SqliteOperations(Home& h) {
          SqliteDB(backup, 0, "walk").InsertRecord(Row(1));
        },
        [=] { return SqliteDB(path, 0, "walk").Backup(backup); },
-       [=](bool ok, bool) {
-         const int count = RowsIn(backup);
-         return Expect(count == 2 || (!ok && count == 1), "backup rows: " + std::to_string(count));
-       },
-       3, ".vantdr-backup.", true},
+       [=](bool ok, bool) { return RowsIn(backup) == 2 || (!ok && RowsIn(backup) == 1); }, 3,
+       ".vantdr-backup.", true},
   };
 }
 
@@ -559,28 +520,23 @@ TEST(HugeInput, FailedAllocationsBecomeFailureResults) {
        [&] { return (count = File::Read(kv, map)) >= 0; },
        [&](bool ok, bool) {
          const std::map<std::string, std::string> all = {{"a", "1"}, {"b", "2"}, {"k", huge}};
-         return Expect(!ok || (std::includes(all.begin(), all.end(), map.begin(), map.end()) &&
-                               static_cast<int>(map.size()) == count),
-                       "entries differ");
+         return !ok || (std::includes(all.begin(), all.end(), map.begin(), map.end()) &&
+                        static_cast<int>(map.size()) == count);
        },
        2},
       {"File::Read(path)", [&] { WriteText(doc, JsonToString(big)); },
-       [&] { return File::Read(doc, read); },
-       [&](bool ok, bool) { return Expect(!ok || read == big, "read a different document"); }},
+       [&] { return File::Read(doc, read); }, [&](bool ok, bool) { return !ok || read == big; }},
       {"File::Write(path)", [&] { File::Write(doc, Doc(1)); },
        [&] { return File::Write(doc, big); },
-       [&](bool ok, bool) { return Expect(ReadDoc(doc) == (ok ? big : Doc(1)), "document lost"); }},
+       [&](bool ok, bool) { return ReadDoc(doc) == (ok ? big : Doc(1)); }},
       // And the line of the failed write.
       {"Cache::UpdateWithData", [&] { StaleCache(dir.path()); },
        [&] { return WalkCache(dir.path(), false).UpdateWithData(big); },
-       [&](bool ok, bool) {
-         return Expect(CachedData(cachePath) == (ok ? big : Doc(1)), "document lost");
-       },
-       2},
+       [&](bool ok, bool) { return CachedData(cachePath) == (ok ? big : Doc(1)); }, 2},
       // And the two lines of the failed load.
       {"Cache::GetCachedData", [&] { WalkCache(dir.path(), false).UpdateWithData(big); },
        [&] { return !(served = WalkCache(dir.path(), false).GetCachedData()).isNull(); },
-       [&](bool ok, bool) { return Expect(!ok || served == big, "served a different value"); }, 3},
+       [&](bool ok, bool) { return !ok || served == big; }, 3},
       {"SqliteDB::InsertRecords", [&] { unlink(dir.File("huge.db").c_str()); },
        [&] {
          InsertCommand insert;
@@ -588,12 +544,10 @@ TEST(HugeInput, FailedAllocationsBecomeFailureResults) {
          insert.AddFieldValue("v", huge);
          return SqliteDB(dir.File("huge.db"), 0, "t").InsertRecords({insert});
        },
-       [&](bool, bool) { return std::string(); }, 2},
+       [](bool, bool) { return true; }, 2},
       {"Response::setResp", [&] { response.clear(); },
        [&] { return response.setResp(answerText.c_str()); },
-       [&](bool ok, bool) {
-         return Expect(!ok || response.getData() == big, "answer half parsed");
-       }},
+       [&](bool ok, bool) { return !ok || response.getData() == big; }},
   };
   Walker walker(dir.path());
   for (const Operation& op : ops) walker.Walk(op, {Faults::kAllocation});
