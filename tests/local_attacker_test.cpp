@@ -177,53 +177,46 @@ TEST(LocalAttacker, TemporaryNamesCannotBeOccupiedAndCleanUpIsBounded) {
   });
 }
 
-// Files, links and FIFOs at the cache's name: not read, written through, or waited for.
-TEST(LocalAttacker, PlantedCacheFilesAreNeitherTrustedNorWrittenThrough) {
-  const char* path = "/tmp/default_dr_cache";
-  for (const char* plant : {"file", kSecretPath, "/dev/zero", "fifo"}) {
-    SCOPED_TRACE(plant);
+// Files, links and FIFOs at the cache's or the pid file's name: not read, written through or
+// waited for, and no refresh is stopped by them (the pid file: a FIFO, or init's pid).
+TEST(LocalAttacker, PlantedCacheAndPidFilesAreNeitherTrustedNorWrittenThrough) {
+  const std::string cached = "/tmp/default_dr_cache", pid = cached + ".pid";
+  const std::string foreign = "a link, special file or file of another user";
+  const struct {
+    std::string path, plant, refusal;
+  } rows[] = {{cached, "file", foreign},
+              {cached, kSecretPath, foreign},
+              {cached, "/dev/zero", foreign},
+              {cached, "fifo", foreign},
+              {pid, "fifo", "not a regular file"},
+              {pid, "1\n", "a file of another user, or a hard link, in a shared directory"}};
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.path + " " + row.plant);
     OnPrivateTmp([&] {
+      const char* path = row.path.c_str();
       CHECK_OR(2, AsAttacker([&] {
-                 if (std::string(plant) == "fifo") return mkfifo(path, 0666);
-                 if (plant[0] == '/') return symlink(plant, path);
-                 return WriteText(path, kSecret) ? 0 : 1;
+                 if (row.plant == "fifo") return mkfifo(path, 0666);
+                 if (row.plant[0] == '/') return symlink(row.plant.c_str(), path);
+                 return WriteText(path, row.plant == "file" ? kSecret : row.plant) ? 0 : 1;
                }));
+      const std::string refused = "Refused [" + row.path + "]: " + row.refusal;
+      if (row.path == pid) {
+        CHECK_OR(3, VLIBCReadPidFile(path) == 0);
+        // An uncreatable directory: the fallback path, and no fetch counting file.
+        TestCache cache("/proc/vantdr-none", true, 0);
+        LogCapture log;
+        CHECK_OR(4, cache.GetCachePath() == cached && cache.Read() == Data(7));
+        return log.Count(refused) >= 1 ? 0 : 5;
+      }
       struct stat before, after;
       lstat(path, &before);
       TestCache cache("", false, -1);
       cache.fallback = Data(0);
       LogCapture log;
-      CHECK_OR(3, cache.GetCachedData() == Data(0));
-      CHECK_OR(4, !cache.UpdateWithData(Data(1)));
-      CHECK_OR(5, Untouched());
-      CHECK_OR(6, lstat(path, &after) == 0 && after.st_ino == before.st_ino &&
+      CHECK_OR(3, cache.GetCachedData() == Data(0) && !cache.UpdateWithData(Data(1)));
+      CHECK_OR(4, Untouched() && lstat(path, &after) == 0 && after.st_ino == before.st_ino &&
                       after.st_size == before.st_size);
-      CHECK_OR(7, log.Count("Refused [/tmp/default_dr_cache]: a link, special file or file of "
-                            "another user") == 1);
-      return 0;
-    });
-  }
-}
-
-// A planted pid file (a FIFO, or init's pid) neither blocks nor stops a refresh.
-TEST(LocalAttacker, PlantedPidFilesNeitherBlockNorStopRefreshes) {
-  for (const bool fifo : {true, false}) {
-    SCOPED_TRACE(fifo ? "fifo" : "pid 1");
-    OnPrivateTmp([&] {
-      CHECK_OR(2, AsAttacker([&] {
-                 return fifo ? mkfifo("/tmp/default_dr_cache.pid", 0666)
-                             : !WriteText("/tmp/default_dr_cache.pid", "1\n");
-               }));
-      CHECK_OR(3, VLIBCReadPidFile("/tmp/default_dr_cache.pid") == 0);
-      // An uncreatable directory: the fallback path, and no fetch counting file.
-      TestCache cache("/proc/vantdr-none", true, 0);
-      LogCapture log;
-      CHECK_OR(4, cache.GetCachePath() == "/tmp/default_dr_cache" && cache.Read() == Data(7));
-      CHECK_OR(5, log.Count("Refused [/tmp/default_dr_cache.pid]: " +
-                            std::string(fifo ? "not a regular file"
-                                             : "a file of another user, or a hard link, in a "
-                                               "shared directory")) >= 1);
-      return 0;
+      return log.Count(refused) == 1 ? 0 : 5;
     });
   }
 }
