@@ -22,6 +22,7 @@
 #include "support/file_sandbox.h"
 #include "support/log_capture.h"
 #include "support/process.h"
+#include "support/syscall_filter.h"
 #include "support/temp_dir.h"
 #include "vantcore/vlibc.h"
 #include "vantdr/file.h"

@@ -17,6 +17,9 @@
 #include <sys/file.h>
 #include <unistd.h>
 
+#include <type_traits>
+#include <utility>
+
 namespace VantDRTest {
 namespace Faults {
 namespace {
@@ -27,6 +30,8 @@ struct State {
   Call call = kOpen;
   int nth = 0, error = 0, steps = 0, stepNth = 0, stepResult = 0;
   std::vector<unsigned> sleeps;
+  Call observed = kCallKinds;
+  std::function<void(long)> observer;
 };
 
 State& Current() {
@@ -43,6 +48,23 @@ bool Inject(Call call) {
   s.fired = true;
   errno = s.error;
   return true;
+}
+
+// Returns `result` after showing it to the observer of `call`, if any.
+template <typename T>
+T Observed(Call call, T result) {
+  State& s = Current();
+  if (!s.armed || call != s.observed || !s.observer) return result;
+  const int saved = errno;
+  s.armed = false;
+  if constexpr (std::is_pointer<T>::value) {
+    s.observer(result == nullptr ? -1 : 0);
+  } else {
+    s.observer(static_cast<long>(result));
+  }
+  s.armed = true;
+  errno = saved;
+  return result;
 }
 
 const char* Name(Call call) {
@@ -73,6 +95,11 @@ int Count(Call call) { return Current().counts[call]; }
 bool Fired() { return Current().fired; }
 bool FiredOn(Call call) { return Current().fired && Current().call == call; }
 const std::vector<unsigned>& Sleeps() { return Current().sleeps; }
+
+void Observe(Call call, std::function<void(long)> observer) {
+  Current().observed = call;
+  Current().observer = std::move(observer);
+}
 int Steps() { return Current().steps; }
 
 void FailStep(int nth, int result) {
@@ -105,7 +132,7 @@ mode_t ModeArgument(int flags, va_list ap) {
   type name params except {                                         \
     if (Inject(kind)) return failed;                                \
     VANTDR_NEXT(name);                                              \
-    return next args;                                               \
+    return Observed(kind, next args);                               \
   }
 // The open family: `mode` follows `flags` only when a file may be created.
 #define VANTDR_OPEN(name, params, args)          \
@@ -116,7 +143,7 @@ mode_t ModeArgument(int flags, va_list ap) {
     va_end(ap);                                  \
     if (Inject(kOpen)) return -1;                \
     VANTDR_NEXT(name);                           \
-    return next args;                            \
+    return Observed(kOpen, next args);           \
   }
 
 extern "C" {

@@ -7,6 +7,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -43,8 +44,17 @@ void Disarm();  // counts stay readable
 int Count(Call call);
 bool Fired();             // the armed fault was injected
 bool FiredOn(Call call);  // ... into a call of `call`
+// Runs `observer` disarmed after every call of `call` that was not failed, with its result (a
+// descriptor, a count, 0; -1 for a failure, 0 for a FILE*), so a test can look at what a call
+// did or change the world between two calls. Arm clears it.
+void Observe(Call call, std::function<void(long result)> observer);
 // The arguments of usleep since Arm (counted, never failed).
 const std::vector<unsigned>& Sleeps();
+
+// Makes the nth allocation of at least `bytes` fail (0: none) apart from any armed fault; `bytes`
+// 0 stops. LargeAllocations: those allocations since.
+void FailAllocation(size_t bytes, int nth);
+int LargeAllocations();
 
 // Makes sqlite3_step return `result` on its nth call (0: never; Arm clears it) without stepping:
 // SQLite cannot be made to report contention in the middle of a query's rows any other way.

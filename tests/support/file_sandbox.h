@@ -1,5 +1,4 @@
-// A file system of a test's own, invisible to the rest of the machine, and a kernel that lacks
-// unnamed temporary files.
+// A file system of a test's own, invisible to the rest of the machine.
 #pragma once
 
 #include <cstddef>
@@ -13,10 +12,6 @@ namespace VantDRTest {
 // killed). When the kernel refuses, `body` does not run and `refused` says why.
 int RunOnPrivateTmpfs(std::size_t bytes, const std::function<int(const std::string& dir)>& body,
                       std::string& refused);
-
-// From now on, in this process and its children, O_TMPFILE fails with EOPNOTSUPP. Irreversible:
-// call it in a forked child. False when the filter could not be installed.
-bool RefuseUnnamedTemporaryFiles();
 
 }  // namespace VantDRTest
 
