@@ -14,7 +14,7 @@
 
 #include "support/log_capture.h"
 #include "support/temp_dir.h"
-#include "vantdr/cache.h"
+#include "support/test_cache.h"
 #include "vantdr/file.h"
 #include "vantdr/json_text.h"
 #include "vantdr/request.h"
@@ -112,16 +112,6 @@ TEST(HostileInput, WebApiMessagesTakeAnyShape) {
   }
 }
 
-// Serves "default" when nothing loads; its fetch always fails, at once.
-class HostileCache : public Cache {
- public:
-  explicit HostileCache(const std::string& dir) : Cache(dir, "c", 100, true, -1) {}
-  Json::Value GetCacheInfo() const override { return "hostile"; }
-  Json::Value GetDefaultValue() const override { return "default"; }
-  bool GetUpdatedData(Json::Value&) const override { return false; }
-  bool IsValidData(const Json::Value& v) const override { return v.isObject() && v.isMember("v"); }
-};
-
 // One text parsed, answered, read by path and descriptor, and served by a cache.
 TEST(HostileInput, TextsJsonFilesCacheFilesAndKeyValueFiles) {
   const Json::Value fallback = "default", good = Object({{"v", 1}}), w = Object({{"w", 1}});
@@ -143,7 +133,9 @@ TEST(HostileInput, TextsJsonFilesCacheFilesAndKeyValueFiles) {
   for (const auto& row : rows) {
     SCOPED_TRACE(row.text.substr(0, 40));
     const bool parses = row.data != fallback;
-    HostileCache cache(dir.path());
+    TestCache cache(dir.path(), true, -1);  // serves "default" when nothing loads; fetches fail
+    cache.fallback = fallback;
+    cache.fail = true;
     const std::string& path = cache.GetCachePath();
     ASSERT_TRUE(WriteText(path, row.text));
     Json::Value parsed = "old", read = "old", viaFd = "old";

@@ -17,8 +17,8 @@
 #include <vector>
 
 #include "support/db_files.h"
+#include "support/file_sandbox.h"
 #include "support/log_capture.h"
-#include "support/private_tmpfs.h"
 #include "support/process.h"
 #include "support/syscall_filter.h"
 #include "support/temp_dir.h"
@@ -37,8 +37,9 @@ extern "C" char** environ;
 namespace {
 
 const uid_t kAttacker = 65534;
-// Root's, and a cache document: served, it would show.
+// A root file only root may read, and a cache document: served, it would show.
 const std::string kSecret = R"({"cached_data":{"v":666}})";
+const char* const kSecretPath = "/tmp/rootdir/secret";
 
 // In the body (a forked child): fail with `code` unless `cond` holds.
 #define CHECK_OR(code, cond)  \
@@ -46,12 +47,13 @@ const std::string kSecret = R"({"cached_data":{"v":666}})";
     if (!(cond)) return code; \
   } while (0)
 
-// Runs `body` as root on a fresh private /tmp; a hang ends the child.
+// Runs `body` as root on a fresh private /tmp holding kSecretPath; a hang ends the child.
 void OnPrivateTmp(const std::function<int()>& body) {
   VANTDR_ON_PRIVATE_TMPFS(code, 1 << 20, [&](const std::string&) {
     if (mount("tmpfs", "/tmp", "tmpfs", 0, "mode=1777,size=256m") != 0) return 97;
+    if (mkdir("/tmp/rootdir", 0700) != 0 || !WriteText(kSecretPath, kSecret)) return 96;
     alarm(60);
-    return body();
+    return chmod(kSecretPath, 0600) == 0 ? body() : 96;
   });
   EXPECT_EQ(code, 0);
 }
@@ -71,15 +73,8 @@ pid_t StartAttacker(const std::function<int()>& body) {
   });
 }
 
-// A root file only root may read: the victim of every attack.
-std::string RootSecret() {
-  mkdir("/tmp/rootdir", 0700);
-  WriteText("/tmp/rootdir/secret", kSecret);
-  chmod("/tmp/rootdir/secret", 0600);
-  return "/tmp/rootdir/secret";
-}
-
-bool Untouched(const std::string& path, const std::string& text = kSecret, uid_t uid = 0) {
+bool Untouched(const std::string& path = kSecretPath, const std::string& text = kSecret,
+               uid_t uid = 0) {
   struct stat st;
   return lstat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) && st.st_uid == uid &&
          ReadText(path) == text;
@@ -92,15 +87,13 @@ TEST(LocalAttacker, ExchangedDirectoryNeverHandsARootFileOver) {
   for (const bool attackerDir : {false, true}) {
     SCOPED_TRACE(attackerDir ? "cache directory of the attacker" : "fallback path");
     OnPrivateTmp([&] {
-      const std::string secret = RootSecret();
       CHECK_OR(2, AsAttacker([&] {
-                 if (attackerDir && mkdir("/tmp/cachedir", 0777) != 0) return 1;
-                 if (mkdir("/tmp/swap", 0777) != 0 || symlink("/tmp/rootdir", "/tmp/swaplink") != 0)
-                   return 1;
-                 if (!WriteText("/tmp/swap/secret", "mine")) return 1;
-                 const std::string link =
+                 const char* link =
                      attackerDir ? "/tmp/cachedir/c.cached" : "/tmp/default_dr_cache";
-                 return symlink("/tmp/swap/secret", link.c_str());
+                 return (attackerDir && mkdir("/tmp/cachedir", 0777) != 0) ||
+                        mkdir("/tmp/swap", 0777) != 0 || !WriteText("/tmp/swap/secret", "mine") ||
+                        symlink("/tmp/rootdir", "/tmp/swaplink") != 0 ||
+                        symlink("/tmp/swap/secret", link) != 0;
                }));
       const pid_t swapper = StartAttacker([] {
         for (;;) syscall(SYS_renameat2, AT_FDCWD, "/tmp/swap", AT_FDCWD, "/tmp/swaplink", 2);
@@ -113,9 +106,8 @@ TEST(LocalAttacker, ExchangedDirectoryNeverHandsARootFileOver) {
         if (cache.UpdateWithData(Data(i))) failed = 3;
         wrote += File::Write(cache.GetCachePath(), Data(i));
         struct stat st;
-        if (stat(secret.c_str(), &st) != 0 || st.st_uid != 0 || (st.st_mode & 07777) != 0600) {
+        if (stat(kSecretPath, &st) != 0 || st.st_uid != 0 || (st.st_mode & 07777) != 0600)
           failed = 4;
-        }
       }
       kill(swapper, SIGKILL);
       WaitChild(swapper);
@@ -186,54 +178,46 @@ TEST(LocalAttacker, TemporaryNamesCannotBeOccupiedAndCleanUpIsBounded) {
   });
 }
 
-// Files, links and FIFOs at the cache's name: not read, written through, or waited for.
-TEST(LocalAttacker, PlantedCacheFilesAreNeitherTrustedNorWrittenThrough) {
-  const char* path = "/tmp/default_dr_cache";
-  for (const char* plant : {"file", "/tmp/rootdir/secret", "/dev/zero", "fifo"}) {
-    SCOPED_TRACE(plant);
+// Files, links and FIFOs at the cache's or the pid file's name: not read, written through or
+// waited for, and no refresh is stopped by them (the pid file: a FIFO, or init's pid).
+TEST(LocalAttacker, PlantedCacheAndPidFilesAreNeitherTrustedNorWrittenThrough) {
+  const std::string cached = "/tmp/default_dr_cache", pid = cached + ".pid";
+  const std::string foreign = "a link, special file or file of another user";
+  const struct {
+    std::string path, plant, refusal;
+  } rows[] = {{cached, "file", foreign},
+              {cached, kSecretPath, foreign},
+              {cached, "/dev/zero", foreign},
+              {cached, "fifo", foreign},
+              {pid, "fifo", "not a regular file"},
+              {pid, "1\n", "a file of another user, or a hard link, in a shared directory"}};
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.path + " " + row.plant);
     OnPrivateTmp([&] {
-      const std::string secret = RootSecret();
+      const char* path = row.path.c_str();
       CHECK_OR(2, AsAttacker([&] {
-                 if (std::string(plant) == "fifo") return mkfifo(path, 0666);
-                 if (plant[0] == '/') return symlink(plant, path);
-                 return WriteText(path, R"({"cached_data":{"v":666}})") ? 0 : 1;
+                 if (row.plant == "fifo") return mkfifo(path, 0666);
+                 if (row.plant[0] == '/') return symlink(row.plant.c_str(), path);
+                 return WriteText(path, row.plant == "file" ? kSecret : row.plant) ? 0 : 1;
                }));
+      const std::string refused = "Refused [" + row.path + "]: " + row.refusal;
+      if (row.path == pid) {
+        CHECK_OR(3, VLIBCReadPidFile(path) == 0);
+        // An uncreatable directory: the fallback path, and no fetch counting file.
+        TestCache cache("/proc/vantdr-none", true, 0);
+        LogCapture log;
+        CHECK_OR(4, cache.GetCachePath() == cached && cache.Read() == Data(7));
+        return log.Count(refused) >= 1 ? 0 : 5;
+      }
       struct stat before, after;
       lstat(path, &before);
       TestCache cache("", false, -1);
       cache.fallback = Data(0);
       LogCapture log;
-      CHECK_OR(3, cache.GetCachedData() == Data(0));
-      CHECK_OR(4, !cache.UpdateWithData(Data(1)));
-      CHECK_OR(5, Untouched(secret));
-      CHECK_OR(6, lstat(path, &after) == 0 && after.st_ino == before.st_ino &&
+      CHECK_OR(3, cache.GetCachedData() == Data(0) && !cache.UpdateWithData(Data(1)));
+      CHECK_OR(4, Untouched() && lstat(path, &after) == 0 && after.st_ino == before.st_ino &&
                       after.st_size == before.st_size);
-      CHECK_OR(7, log.Count("Refused [/tmp/default_dr_cache]: a link, special file or file of "
-                            "another user") == 1);
-      return 0;
-    });
-  }
-}
-
-// A planted pid file (a FIFO, or init's pid) neither blocks nor stops a refresh.
-TEST(LocalAttacker, PlantedPidFilesNeitherBlockNorStopRefreshes) {
-  for (const bool fifo : {true, false}) {
-    SCOPED_TRACE(fifo ? "fifo" : "pid 1");
-    OnPrivateTmp([&] {
-      CHECK_OR(2, AsAttacker([&] {
-                 return fifo ? mkfifo("/tmp/default_dr_cache.pid", 0666)
-                             : !WriteText("/tmp/default_dr_cache.pid", "1\n");
-               }));
-      CHECK_OR(3, VLIBCReadPidFile("/tmp/default_dr_cache.pid") == 0);
-      // An uncreatable directory: the fallback path, and no fetch counting file.
-      TestCache cache("/proc/vantdr-none", true, 0);
-      LogCapture log;
-      CHECK_OR(4, cache.GetCachePath() == "/tmp/default_dr_cache" && cache.Read() == Data(7));
-      CHECK_OR(5, log.Count("Refused [/tmp/default_dr_cache.pid]: " +
-                            std::string(fifo ? "not a regular file"
-                                             : "a file of another user, or a hard link, in a "
-                                               "shared directory")) >= 1);
-      return 0;
+      return log.Count(refused) == 1 ? 0 : 5;
     });
   }
 }
@@ -241,7 +225,6 @@ TEST(LocalAttacker, PlantedPidFilesNeitherBlockNorStopRefreshes) {
 // Another user's lock directory, links and FIFOs in it are refused; no child inherits a lock.
 TEST(LocalAttacker, LockDirectoryOfAnotherUserIsRefused) {
   OnPrivateTmp([&] {
-    const std::string secret = RootSecret();
     CHECK_OR(2, AsAttacker([] {
                if (mkdir("/tmp/.vantdr_lock", 0777) != 0 || chmod("/tmp/.vantdr_lock", 0777) != 0)
                  return 1;
@@ -253,7 +236,7 @@ TEST(LocalAttacker, LockDirectoryOfAnotherUserIsRefused) {
       FileLock lock(name);
       CHECK_OR(3, !lock.lock(LOCK_EX | LOCK_NB, 0));
     }
-    CHECK_OR(4, access("/tmp/rootdir/created", F_OK) != 0 && Untouched(secret));
+    CHECK_OR(4, access("/tmp/rootdir/created", F_OK) != 0 && Untouched());
     CHECK_OR(5, log.Count("Failed to open lock file[/tmp/.vantdr_lock/new], errno=Permission "
                           "denied") == 1);
     // Root's own directory, made under a careless umask: closed to others.
@@ -287,10 +270,9 @@ TEST(LocalAttacker, BuilderTextRunsAsExactlyOneStatement) {
   SqliteDB db(dir.File("db"), 0, "t");
   ASSERT_TRUE(db.Exec("CREATE TABLE victim (v INTEGER); INSERT INTO victim VALUES (1);"));
   const SqliteTableHandler job("job", "id INTEGER, name TEXT");
-  const SqliteTableHandler bad("job (id INTEGER); DROP TABLE victim; --", "id INTEGER");
   InsertCommand field, table;
   field.SetTable(job);
-  table.SetTable(bad);
+  table.SetTable(SqliteTableHandler("job (id INTEGER); DROP TABLE victim; --", "id INTEGER"));
   field.AddFieldValue("id) VALUES (1); DROP TABLE victim; --", 1);
   table.AddFieldValue("id", 1);
   UpdateCommand update;

@@ -1,52 +1,41 @@
-// Replaces the global allocation functions for the executables that link
-// the fault harness, so that one large allocation can be made to fail.
-// The state is plain zero-initialised data: allocation starts before any
-// constructor runs.
+// Global allocation functions for the executables that link the fault harness: a large
+// allocation is a call the harness counts and can fail.
 #include <cstdlib>
 #include <new>
 
 #include "support/fault_injection.h"
 
+namespace VantDRTest::Faults {
+bool Inject(Call call);  // fault_injection.cpp
+}  // namespace VantDRTest::Faults
+
 namespace {
 
-size_t g_bytes = 0;  // 0: nothing armed
-int g_nth = 0;
-int g_count = 0;
+size_t g_bytes = 0;  // FailAllocation's: 0 while nothing is armed
+int g_nth = 0, g_count = 0;
 
 void* Allocate(size_t size) {
+  using namespace VantDRTest::Faults;
   if (g_bytes > 0 && size >= g_bytes && ++g_count == g_nth) return nullptr;
+  if (size >= (256 << 10) && Inject(kAllocation)) return nullptr;
   return std::malloc(size > 0 ? size : 1);
 }
 
+void* OrThrow(void* p) { return p != nullptr ? p : throw std::bad_alloc(); }
+
 }  // namespace
 
-namespace VantDRTest {
-namespace Faults {
-
-void FailAllocation(size_t bytes, int nth) {
+void VantDRTest::Faults::FailAllocation(size_t bytes, int nth) {
   g_bytes = 0;
   g_count = 0;
   g_nth = nth;
   g_bytes = bytes;
 }
 
-int LargeAllocations() { return g_count; }
+int VantDRTest::Faults::LargeAllocations() { return g_count; }
 
-}  // namespace Faults
-}  // namespace VantDRTest
-
-void* operator new(size_t size) {
-  void* p = Allocate(size);
-  if (p == nullptr) throw std::bad_alloc();
-  return p;
-}
-
-void* operator new[](size_t size) {
-  void* p = Allocate(size);
-  if (p == nullptr) throw std::bad_alloc();
-  return p;
-}
-
+void* operator new(size_t size) { return OrThrow(Allocate(size)); }
+void* operator new[](size_t size) { return OrThrow(Allocate(size)); }
 void* operator new(size_t size, const std::nothrow_t&) noexcept { return Allocate(size); }
 void* operator new[](size_t size, const std::nothrow_t&) noexcept { return Allocate(size); }
 void operator delete(void* p) noexcept { std::free(p); }

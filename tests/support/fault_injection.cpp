@@ -13,6 +13,7 @@
 #include <sqlite3.h>
 #include <stdarg.h>
 #include <stdio.h>
+#include <string.h>
 #include <sys/file.h>
 #include <unistd.h>
 
@@ -24,15 +25,10 @@ namespace Faults {
 namespace {
 
 struct State {
-  bool armed = false;
+  bool armed = false, fired = false;
   int counts[kCallKinds] = {};
   Call call = kOpen;
-  int nth = 0;
-  int error = 0;
-  bool fired = false;
-  int steps = 0;
-  int stepNth = 0;
-  int stepResult = 0;
+  int nth = 0, error = 0, steps = 0, stepNth = 0, stepResult = 0;
   std::vector<unsigned> sleeps;
   Call observed = kCallKinds;
   std::function<void(long)> observer;
@@ -48,9 +44,7 @@ State& Current() {
 // Counts one call of `call`; true (errno set) when it is the one to fail.
 bool Inject(Call call) {
   State& s = Current();
-  if (!s.armed) return false;
-  const int n = ++s.counts[call];
-  if (call != s.call || n != s.nth) return false;
+  if (!s.armed || ++s.counts[call] != s.nth || call != s.call) return false;
   s.fired = true;
   errno = s.error;
   return true;
@@ -73,23 +67,10 @@ T Observed(Call call, T result) {
   return result;
 }
 
-void ForkedChild() { Current().armed = false; }
-
-void RecordSleep(unsigned usec) {
-  if (Current().armed) Current().sleeps.push_back(usec);
-}
-
-// The result sqlite3_step must give instead of stepping, or -1.
-int StepOverride() {
-  State& s = Current();
-  if (!s.armed || ++s.steps != s.stepNth) return -1;
-  return s.stepResult;
-}
-
 const char* Name(Call call) {
-  static const char* const names[kCallKinds] = {"open",  "read",   "write",     "fsync",
-                                                "close", "rename", "unlink",    "flock",
-                                                "fork",  "pipe2",  "setresuid", "setresgid"};
+  static const char* const names[kCallKinds] = {
+      "open",  "read", "write", "fsync",     "close",     "rename",          "unlink",
+      "flock", "fork", "pipe2", "setresuid", "setresgid", "large allocation"};
   return call >= 0 && call < kCallKinds ? names[call] : "?";
 }
 
@@ -98,43 +79,28 @@ const std::vector<int>& Errnos() {
   return errnos;
 }
 
-const char* ErrnoName(int error) {
-  static const char* const names[] = {"ENOSPC", "EIO", "EMFILE", "EAGAIN", "EINTR"};
-  for (size_t i = 0; i < Errnos().size(); ++i) {
-    if (Errnos()[i] == error) return names[i];
-  }
-  return "?";
-}
+const char* ErrnoName(int error) { return strerrorname_np(error); }
 
 void Arm(Call call, int nth, int error) {
   State& s = Current();
-  s.armed = false;
-  for (int& count : s.counts) count = 0;
+  s = State();
   s.call = call;
   s.nth = nth;
   s.error = error;
-  s.fired = false;
-  s.steps = 0;
-  s.stepNth = 0;
-  s.sleeps.clear();
-  s.observer = nullptr;
   s.armed = true;
 }
 
 void Disarm() { Current().armed = false; }
-
 int Count(Call call) { return Current().counts[call]; }
-
 bool Fired() { return Current().fired; }
-
 bool FiredOn(Call call) { return Current().fired && Current().call == call; }
-
 const std::vector<unsigned>& Sleeps() { return Current().sleeps; }
 
 void Observe(Call call, std::function<void(long)> observer) {
   Current().observed = call;
   Current().observer = std::move(observer);
 }
+int Steps() { return Current().steps; }
 
 void FailStep(int nth, int result) {
   Current().steps = 0;
@@ -142,16 +108,12 @@ void FailStep(int nth, int result) {
   Current().stepResult = result;
 }
 
-int Steps() { return Current().steps; }
-
 }  // namespace Faults
 }  // namespace VantDRTest
 
 namespace {
 
-using VantDRTest::Faults::Call;
-using VantDRTest::Faults::Inject;
-using VantDRTest::Faults::Observed;
+using namespace VantDRTest::Faults;
 
 template <typename Fn>
 Fn Next(Fn, const char* name) {
@@ -183,8 +145,6 @@ mode_t ModeArgument(int flags, va_list ap) {
     VANTDR_NEXT(name);                           \
     return Observed(kOpen, next args);           \
   }
-
-using namespace VantDRTest::Faults;
 
 extern "C" {
 
@@ -242,19 +202,19 @@ pid_t fork() noexcept {
   if (Inject(kFork)) return -1;
   VANTDR_NEXT(fork);
   const pid_t pid = next();
-  if (pid == 0) ForkedChild();
+  if (pid == 0) Current().armed = false;
   return pid;
 }
 
 int usleep(useconds_t usec) {
-  RecordSleep(usec);
+  if (Current().armed) Current().sleeps.push_back(usec);
   VANTDR_NEXT(usleep);
   return next(usec);
 }
 
 int sqlite3_step(sqlite3_stmt* statement) {
-  const int result = StepOverride();
-  if (result >= 0) return result;
+  State& s = Current();
+  if (s.armed && ++s.steps == s.stepNth) return s.stepResult;
   VANTDR_NEXT(sqlite3_step);
   return next(statement);
 }
