@@ -1,19 +1,4 @@
-#include "vantdr/cache.h"
-
-#include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <chrono>
-
-#include "support/log_capture.h"
-#include "support/process.h"
-#include "support/test_cache.h"
-#include "vantcore/vlibc.h"
-
-using namespace VantDRCore;
-using namespace VantDRTest;
+#include "support/suite.h"
 
 namespace {
 

@@ -1,29 +1,12 @@
 // The forked cache updater among real processes: one fetch for many stale
 // readers, and none of its caller's locks.
-#include <gtest/gtest.h>
 #include <json/writer.h>
-#include <signal.h>
-#include <sys/file.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <cerrno>
-#include <climits>
 #include <memory>
 #include <new>
 #include <stdexcept>
-#include <string>
 
-#include "support/log_capture.h"
-#include "support/process.h"
-#include "support/test_cache.h"
-#include "support/timing.h"
-#include "vantcore/vlibc.h"
-#include "vantdr/file_lock.h"
-#include "vantdr/json_text.h"
-
-using namespace VantDRCore;
-using namespace VantDRTest;
+#include "support/suite.h"
 
 namespace {
 

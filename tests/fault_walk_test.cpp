@@ -1,35 +1,13 @@
 // Each file/process operation run once per system call it makes, that call failing with each
 // errno walked (one per call; VANTDR_FAULTS=full: all).
-#include <fcntl.h>
-#include <gtest/gtest.h>
 #include <poll.h>
-#include <sys/file.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
-#include <filesystem>
-#include <functional>
-#include <map>
-#include <set>
 
-#include "support/db_files.h"
 #include "support/fault_injection.h"
-#include "support/log_capture.h"
-#include "support/process.h"
-#include "support/temp_dir.h"
-#include "vantcore/vlibc.h"
-#include "vantdr/cache.h"
-#include "vantdr/file.h"
-#include "vantdr/file_lock.h"
-#include "vantdr/json_text.h"
-#include "vantdr/response.h"
-#include "vantdr/sqlite_db.h"
-
-using namespace VantDRCore;
-using namespace VantDRTest;
+#include "support/suite.h"
 
 namespace {
 

@@ -1,20 +1,7 @@
-#include "vantdr/file_lock.h"
-
-#include <gtest/gtest.h>
-#include <sys/file.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <chrono>
 #include <thread>
 
 #include "support/fault_injection.h"
-#include "support/log_capture.h"
-#include "support/process.h"
-#include "support/temp_dir.h"
-
-using namespace VantDRCore;
-using namespace VantDRTest;
+#include "support/suite.h"
 
 namespace {
 

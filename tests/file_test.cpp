@@ -1,18 +1,5 @@
-#include "vantdr/file.h"
+#include "support/suite.h"
 
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <filesystem>
-
-#include "support/log_capture.h"
-#include "support/temp_dir.h"
-#include "vantdr/json_text.h"
-
-using namespace VantDRCore;
-using namespace VantDRTest;
 using Lines = std::vector<std::string>;
 namespace fs = std::filesystem;
 

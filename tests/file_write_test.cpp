@@ -1,35 +1,17 @@
 // A plain file is replaced whole; anything else a caller could tell apart is written in place.
-#include <errno.h>
-#include <fcntl.h>
 #include <grp.h>
-#include <gtest/gtest.h>
-#include <signal.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <sys/xattr.h>
-#include <unistd.h>
 
 #include <cstring>
-#include <filesystem>
 #include <random>
-#include <set>
-#include <string>
-#include <vector>
 
-#include "support/db_files.h"
 #include "support/file_sandbox.h"
-#include "support/log_capture.h"
-#include "support/process.h"
+#include "support/suite.h"
 #include "support/syscall_filter.h"
-#include "support/temp_dir.h"
-#include "vantcore/vlibc.h"
-#include "vantdr/file.h"
-#include "vantdr/json_text.h"
 
-using namespace VantDRCore;
-using namespace VantDRTest;
 using Lines = std::vector<std::string>;
 using Names = std::set<std::string>;
 

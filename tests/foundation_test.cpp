@@ -1,37 +1,10 @@
 // Foundations: error names and records, log lines, utilities, the version,
 // and the privileged section.
 #include <dlfcn.h>
-#include <errno.h>
-#include <signal.h>
 #include <stdlib.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
 #include <syslog.h>
-#include <unistd.h>
 
-#include <chrono>
-#include <cmath>
-#include <filesystem>
-#include <functional>
-#include <map>
-#include <regex>
-#include <sstream>
-#include <string>
-#include <vector>
-
-#include "gtest/gtest.h"
-#include "support/log_capture.h"
-#include "support/process.h"
-#include "support/temp_dir.h"
-#include "vantcore/vlibc.h"
-#include "vantdr/error.h"
-#include "vantdr/json_text.h"
-#include "vantdr/log.h"
-#include "vantdr/privileged_section.h"
-#include "vantdr/utils.h"
-#include "vantdr/version.h"
-
-using namespace VantDRCore;
+#include "support/suite.h"
 
 namespace {
 

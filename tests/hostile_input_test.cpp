@@ -1,27 +1,9 @@
 // Operations taking outside JSON or text give their default for unexpected shapes, never throw
 // (values read as integers: sqlite_command_test).
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <unistd.h>
-
-#include <climits>
-#include <filesystem>
 #include <limits>
-#include <map>
-#include <string>
 #include <tuple>
-#include <vector>
 
-#include "support/log_capture.h"
-#include "support/temp_dir.h"
-#include "support/test_cache.h"
-#include "vantdr/file.h"
-#include "vantdr/json_text.h"
-#include "vantdr/request.h"
-#include "vantdr/response.h"
-
-using namespace VantDRCore;
-using namespace VantDRTest;
+#include "support/suite.h"
 
 namespace {
 

@@ -1,18 +1,4 @@
-#include "vantdr/json_text.h"
-
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cmath>
-#include <cstdint>
-#include <string>
-#include <vector>
-
-#include "gtest/gtest.h"
-#include "support/log_capture.h"
-#include "support/temp_dir.h"
-#include "vantdr/file.h"
+#include "support/suite.h"
 
 namespace {
 

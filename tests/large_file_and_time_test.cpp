@@ -1,26 +1,6 @@
 // Files over 2 GiB, dates after 2038, and one ABI whatever the caller's large-file/time flags.
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cstdint>
-#include <filesystem>
-#include <regex>
-#include <string>
-#include <vector>
-
-#include "support/jobs.h"
 #include "support/layout.h"
-#include "support/log_capture.h"
-#include "support/temp_dir.h"
-#include "support/test_cache.h"
-#include "vantcore/vlibc.h"
-#include "vantdr/json_text.h"
-#include "vantdr/sqlite_db.h"
-
-using namespace VantDRCore;
-using namespace VantDRTest;
+#include "support/suite.h"
 
 namespace {
 

@@ -1,36 +1,16 @@
 // A local user (uid 65534) against a root service, each attack on a private /tmp: whatever
 // the fs.protected_* sysctls say, root's files keep owner and content, and every call returns.
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <signal.h>
 #include <spawn.h>
 #include <stdio.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <memory>
-#include <string>
-#include <vector>
 
-#include "support/db_files.h"
 #include "support/file_sandbox.h"
-#include "support/log_capture.h"
-#include "support/process.h"
+#include "support/suite.h"
 #include "support/syscall_filter.h"
-#include "support/temp_dir.h"
-#include "support/test_cache.h"
-#include "vantcore/vlibc.h"
-#include "vantdr/file.h"
-#include "vantdr/file_lock.h"
-#include "vantdr/json_text.h"
-#include "vantdr/sqlite_db.h"
-
-using namespace VantDRCore;
-using namespace VantDRTest;
 
 extern "C" char** environ;
 

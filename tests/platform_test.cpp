@@ -1,21 +1,5 @@
-#include <errno.h>
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <cstdio>
-#include <set>
-#include <string>
-
-#include "gtest/gtest.h"
-#include "support/db_files.h"
-#include "support/process.h"
-#include "support/temp_dir.h"
-#include "support/test_cache.h"
-#include "vantcore/vlibc.h"
+#include "support/suite.h"
 #include "vantrandom/vant_random.h"
-
-using namespace VantDRTest;
 
 namespace {
 

@@ -1,23 +1,7 @@
 // Every operation raising its ids to root leaves all caller ids as they were, success or not.
-#include <gtest/gtest.h>
-#include <sys/file.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <array>
-#include <filesystem>
-#include <functional>
-#include <string>
-#include <vector>
 
-#include "support/log_capture.h"
-#include "support/process.h"
-#include "support/test_cache.h"
-#include "vantdr/file.h"
-#include "vantdr/file_lock.h"
-
-using namespace VantDRCore;
-using namespace VantDRTest;
+#include "support/suite.h"
 
 namespace {
 

@@ -1,26 +1,9 @@
 // Many real processes contending for one database and one cache.
-#include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/wait.h>
 #include <syslog.h>
-#include <unistd.h>
 
-#include <cerrno>
-#include <chrono>
-#include <cstdio>
-#include <functional>
 #include <random>
-#include <string>
-#include <vector>
 
-#include "support/process.h"
-#include "support/test_cache.h"
-#include "support/timing.h"
-#include "vantdr/json_text.h"
-#include "vantdr/sqlite_db.h"
-
-using namespace VantDRCore;
-using namespace VantDRTest;
+#include "support/suite.h"
 
 namespace {
 

@@ -1,22 +1,9 @@
 // Windows between two system calls of the writer and the cache, opened on
 // purpose through the fault harness's observer, and kernels that refuse or
 // silently drop what the writer asked for.
-#include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <string>
-#include <vector>
-
 #include "support/fault_injection.h"
-#include "support/process.h"
+#include "support/suite.h"
 #include "support/syscall_filter.h"
-#include "support/test_cache.h"
-#include "vantdr/file.h"
-#include "vantdr/json_text.h"
-
-using namespace VantDRCore;
-using namespace VantDRTest;
 
 namespace {
 

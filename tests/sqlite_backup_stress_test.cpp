@@ -1,23 +1,8 @@
 // Backups and migrations with real processes: writers that keep committing,
 // backups killed at random points, migrations racing.
-#include <gtest/gtest.h>
-#include <signal.h>
-#include <unistd.h>
-
-#include <chrono>
-#include <filesystem>
 #include <random>
-#include <string>
-#include <vector>
 
-#include "support/db_files.h"
-#include "support/process.h"
-#include "support/temp_dir.h"
-#include "vantdr/json_text.h"
-#include "vantdr/sqlite_db.h"
-
-using namespace VantDRCore;
-using namespace VantDRTest;
+#include "support/suite.h"
 
 namespace {
 

@@ -1,24 +1,6 @@
 // Backups, integrity checks, schema versions and connection settings.
-#include <gtest/gtest.h>
-#include <sqlite3.h>
-#include <sys/stat.h>
-#include <unistd.h>
+#include "support/suite.h"
 
-#include <regex>
-#include <set>
-#include <string>
-#include <vector>
-
-#include "support/db_files.h"
-#include "support/log_capture.h"
-#include "support/process.h"
-#include "support/temp_dir.h"
-#include "vantdr/json_text.h"
-#include "vantdr/sqlite_db.h"
-#include "vantdr/sqlite_transaction.h"
-
-using namespace VantDRCore;
-using namespace VantDRTest;
 using Lines = std::vector<std::string>;
 
 namespace {

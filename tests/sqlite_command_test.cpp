@@ -1,18 +1,7 @@
 // Values, records, conditions and the statement builders: the SQL text they
 // give and the lines they log.
-#include "vantdr/sqlite_command.h"
+#include "support/suite.h"
 
-#include <gtest/gtest.h>
-
-#include <climits>
-#include <string>
-#include <vector>
-
-#include "support/log_capture.h"
-#include "vantdr/sqlite_condition.h"
-#include "vantdr/sqlite_value.h"
-
-using namespace VantDRCore;
 using VantDRTest::LogCapture;
 using Lines = std::vector<std::string>;
 

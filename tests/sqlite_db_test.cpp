@@ -1,20 +1,5 @@
-#include "vantdr/sqlite_db.h"
+#include "support/suite.h"
 
-#include <gtest/gtest.h>
-#include <sqlite3.h>
-#include <unistd.h>
-
-#include <string>
-
-#include "support/db_files.h"
-#include "support/jobs.h"
-#include "support/log_capture.h"
-#include "support/process.h"
-#include "support/temp_dir.h"
-#include "vantdr/json_text.h"
-
-using namespace VantDRCore;
-using namespace VantDRTest;
 using Lines = std::vector<std::string>;
 using Rows = std::vector<SqliteValueList>;
 

@@ -1,20 +1,6 @@
 // SQLite failing underneath SqliteDB in the middle of a query.
-#include <gtest/gtest.h>
-#include <sqlite3.h>
-
-#include <regex>
-#include <string>
-#include <vector>
-
-#include "support/db_files.h"
 #include "support/fault_injection.h"
-#include "support/jobs.h"
-#include "support/log_capture.h"
-#include "support/temp_dir.h"
-#include "vantdr/json_text.h"
-
-using namespace VantDRCore;
-using namespace VantDRTest;
+#include "support/suite.h"
 
 namespace {
 

@@ -1,22 +1,8 @@
-#include "vantdr/sqlite_statement.h"
-
-#include <gtest/gtest.h>
-
-#include <cmath>
-#include <cstdint>
 #include <limits>
 #include <stdexcept>
-#include <string>
-#include <vector>
 
-#include "support/db_files.h"
-#include "support/log_capture.h"
-#include "support/process.h"
-#include "support/temp_dir.h"
-#include "vantdr/json_text.h"
+#include "support/suite.h"
 
-using namespace VantDRCore;
-using namespace VantDRTest;
 using Lines = std::vector<std::string>;
 
 namespace {

@@ -1,18 +1,7 @@
 // Streaming a million rows costs no more memory than the raw step loop.
-#include <gtest/gtest.h>
-#include <sqlite3.h>
 #include <sys/resource.h>
-#include <unistd.h>
 
-#include <cstdio>
-#include <functional>
-#include <string>
-
-#include "support/process.h"
-#include "support/temp_dir.h"
-#include "vantdr/sqlite_statement.h"
-
-using namespace VantDRCore;
+#include "support/suite.h"
 
 namespace {
 

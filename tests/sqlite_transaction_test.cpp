@@ -1,25 +1,7 @@
 // Batches and transaction guards: all or nothing, the rows of one-by-one
 // writes, and the retry policy at BEGIN and COMMIT.
-#include "vantdr/sqlite_transaction.h"
+#include "support/suite.h"
 
-#include <gtest/gtest.h>
-#include <sqlite3.h>
-#include <unistd.h>
-
-#include <functional>
-#include <sstream>
-#include <string>
-#include <vector>
-
-#include "support/db_files.h"
-#include "support/jobs.h"
-#include "support/log_capture.h"
-#include "support/process.h"
-#include "support/temp_dir.h"
-#include "vantdr/json_text.h"
-
-using namespace VantDRCore;
-using namespace VantDRTest;
 using Lines = std::vector<std::string>;
 
 namespace {

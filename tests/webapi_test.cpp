@@ -1,15 +1,6 @@
 // Web API messages: every query on documented answers, requests' envelopes
 // and parameters, and callers' implicit conversions.
-#include <gtest/gtest.h>
-
-#include <sstream>
-#include <string>
-
-#include "vantdr/json_text.h"
-#include "vantdr/request.h"
-#include "vantdr/response.h"
-
-using namespace VantDRCore;
+#include "support/suite.h"
 
 Json::Value Parse(const std::string& text) {
   Json::Value value;
