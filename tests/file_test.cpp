@@ -42,6 +42,9 @@ TEST(File, ParentDirAndDirectories) {
                                   "ERR CreateDir: Directory mode error: 37777777777"}));
   EXPECT_TRUE(File::RemoveDir(dir.File("kept")) && File::RemoveDir(dir.File("kept")));
   EXPECT_NE(access(dir.File("kept").c_str(), F_OK), 0);
+  // No directory, nothing to remove: a plain file at the path stays.
+  EXPECT_TRUE(WriteText(dir.File("plain"), "x") && File::RemoveDir(dir.File("plain")));
+  EXPECT_EQ(ReadText(dir.File("plain")), "x");
 }
 
 TEST(File, KeyValueFiles) {
