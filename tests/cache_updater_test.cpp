@@ -1,5 +1,3 @@
-// The forked cache updater among real processes: one fetch for many stale
-// readers, and none of its caller's locks.
 #include <json/writer.h>
 
 #include <memory>
@@ -44,13 +42,11 @@ TEST_F(CacheUpdater, SimultaneousStaleReadersFetchOnceAndAKilledUpdaterBlocksNot
   EXPECT_TRUE(WaitFor([&] { return cache.Fetches() == 2; }, 2));
   EXPECT_TRUE(WaitFor([&] { return !Exists(pidPath); }, 5));
   EXPECT_EQ(cache.Read(), Data(7));
-  // The updaters were detached: this process has no child left to reap.
   EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
   EXPECT_EQ(errno, ECHILD);
 }
 
-// The updater forked by a lock holder's Read keeps none of its locks (unlocked,
-// dropped or dead holder), yet can use the holder's other descriptors.
+// Keeps none of a lock holder's locks (unlocked, dropped or dead), yet uses its other files.
 TEST_F(CacheUpdater, ForkedUpdaterKeepsNoLockOfItsParent) {
   const int kExclusive = LOCK_EX | LOCK_NB;
   const std::string unlocked = UniqueName("held_unlocked"), dropped = UniqueName("held_dropped"),
@@ -100,8 +96,7 @@ TEST_F(CacheUpdater, ForkedUpdaterKeepsNoLockOfItsParent) {
   close(news[0]);
 }
 
-// A second claimant between the two locks: the first look saw no updater,
-// the look under the exclusive lock sees the one that came in between.
+// The look under the exclusive lock sees an updater that came after the first look.
 TEST_F(CacheUpdater, ClaimantBetweenTheTwoLocksYields) {
   TestCache cache(dir.path(), true, -1);
   ASSERT_TRUE(cache.UpdateWithData(Data(1)) && cache.SetAge(200));
@@ -118,8 +113,7 @@ TEST_F(CacheUpdater, ClaimantBetweenTheTwoLocksYields) {
   EXPECT_EQ(VLIBCReadPidFile(pidPath.c_str()), getpid());
 }
 
-// A lock file closed before the fork leaves its descriptor number to the
-// caller's next file, which the updater must not close.
+// A lock file closed before the fork leaves its number to a caller's file the updater keeps.
 TEST_F(CacheUpdater, DescriptorReusedBeforeTheForkStaysTheCallers) {
   TestCache cache(dir.path());
   ASSERT_TRUE(cache.UpdateWithData(Data(1)) && cache.SetAge(200));
@@ -152,8 +146,7 @@ TEST_F(CacheUpdater, MissingFileIsStaleWhateverTheTimeOut) {
   EXPECT_EQ(cache.Fetches(), 1);
 }
 
-// Whatever a callback of the caller throws (a std::exception, bad_alloc, or
-// something else entirely) stays in the library, and no pid file is left.
+// Whatever a callback throws (std::exception, bad_alloc, an int) stays inside; no pid file left.
 struct ThrowingCache : TestCache {
   ThrowingCache(const std::string& dir, int where, int kind)
       : TestCache(dir, true, -1), where(where), kind(kind) {}

@@ -1,5 +1,3 @@
-// Foundations: error names and records, log lines, utilities, the version,
-// and the privileged section.
 #include <dlfcn.h>
 #include <stdlib.h>
 #include <syslog.h>
@@ -219,8 +217,7 @@ TEST(VersionTest, HeaderLibraryAndSharedObjectAgreeWithTheProjectVersion) {
 using Lines = std::vector<std::string>;
 using Launcher = std::function<VantDRTest::ChildResult(const std::function<int()>&)>;
 
-// What one privileged section in a child set up by `launch` saw: ids and errno
-// inside and after, all ids, and log lines with the section's own file:line as WHERE.
+// Ids and errno inside and after one section in a child, then its lines (WHERE: its file:line).
 Lines Observe(const Launcher& launch) {
   VantDRTest::TempDir dir;
   chmod(dir.path().c_str(), 0777);  // the child may write as nobody
@@ -259,11 +256,9 @@ using Body = const std::function<int()>&;
 
 TEST(PrivilegedSectionTest, RaisesOnlyWhatIsNeededRestoresEffectiveIdsAndLogsFailures) {
   if (geteuid() != 0) GTEST_SKIP() << "needs root";
-  // Root: no id change, no line.
   EXPECT_EQ(Observe([](Body body) { return VantDRTest::RunInChild(body); }),
             (Lines{"inside 0/0 errno 0", "after 0/0 errno 0", "ids 0,0,0 0,0,0"}));
-  // Effective nobody with saved root: raised for the section, restored after;
-  // real and saved ids never move.
+  // Effective nobody with saved root: raised, then restored; real and saved ids never move.
   EXPECT_EQ(
       Observe([](Body body) { return VantDRTest::RunUnprivileged(body, true); }),
       (Lines{"inside 0/0 errno 0", "after 65534/65534 errno 0", "ids 0,65534,0 0,65534,0",
@@ -287,8 +282,7 @@ TEST(PrivilegedSectionTest, RaisesOnlyWhatIsNeededRestoresEffectiveIdsAndLogsFai
 
 namespace {
 
-// Platform calls the cache's updater and the utilities rely on, where the
-// platform tests do not look: signals and two streams open at once.
+// Platform calls the updater relies on: signals and two streams open at once.
 TEST(PlatformProcesses, KilledProgramsAndTwoStreams) {
   EXPECT_EQ(VLIBCExec("/bin/sh", "-c", "kill -TERM $$", nullptr, nullptr), 128 + SIGTERM);
   FILE* first = VLIBCPopen("/bin/sh", "r", "-c", "exit 3", static_cast<const char*>(nullptr));

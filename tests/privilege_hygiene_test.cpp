@@ -5,7 +5,6 @@
 
 namespace {
 
-// Real, effective and saved user ids, then the same for groups.
 std::array<unsigned, 6> Ids() {
   uid_t u[3];
   gid_t g[3];
@@ -56,8 +55,7 @@ TEST_F(PrivilegeHygiene, IdsAreRestoredAfterEveryPrivilegedOperation) {
       {"DoUpdate", true, [&] { return cache.DoUpdate(); }},
       {"DoUpdate unwritable", false, [&] { return unwritable.DoUpdate(); }},
   };
-  // Effective nobody with saved root, as a root daemon serving a user runs: row i
-  // exits 10 + i when it changed an id, 50 + i for a wrong result.
+  // As a root daemon serving a user: row i exits 10 + i for changed ids, 50 + i for a wrong result.
   const int code = RunUnprivileged([&] {
                      alarm(20);  // a row that blocks for ever fails instead of hanging
                      for (size_t i = 0; i < rows.size(); ++i) {

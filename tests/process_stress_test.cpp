@@ -9,8 +9,7 @@ namespace {
 
 class StressTest : public CacheFixture {};
 
-// Single inserts and batches from 8 processes: a lost row lowers a count, a
-// batch applied twice breaks the UNIQUE constraint.
+// 8 writers: a lost row lowers a count, a batch applied twice breaks the UNIQUE constraint.
 TEST_F(StressTest, ConcurrentWritersLoseAndRepeatNoRow) {
   const SqliteTableHandler table("t",
                                  "who INTEGER, batch INTEGER, seq INTEGER, "
@@ -42,8 +41,7 @@ TEST_F(StressTest, ConcurrentWritersLoseAndRepeatNoRow) {
   }
 }
 
-// 100 updaters killed at random under 8 readers: no torn or default document
-// served, no process left, the next update completes at once.
+// Updaters killed at random under readers: nothing torn served, no process left, no wait after.
 TEST_F(StressTest, UpdatersKilledAtRandomPointsUnderReaders) {
   TestCache updater(dir.path(), true);
   ASSERT_TRUE(updater.UpdateWithData(Data(1)));

@@ -1,6 +1,3 @@
-// Windows between two system calls of the writer and the cache, opened on
-// purpose through the fault harness's observer, and kernels that refuse or
-// silently drop what the writer asked for.
 #include "support/fault_injection.h"
 #include "support/suite.h"
 #include "support/syscall_filter.h"
@@ -34,9 +31,7 @@ std::vector<mode_t> TemporaryModesWhileWriting(const std::string& path) {
 
 class RaceWindow : public CacheFixture {};
 
-// Where unnamed files are refused (either way a kernel says so), a named temporary
-// is private until it carries the old file's identity: another user who opened it
-// earlier could read everything written to it.
+// A named temporary is private until it has the old file's identity: an early opener reads all.
 TEST_F(RaceWindow, NamedTemporariesArePrivateUntilTheyAreTheOldFile) {
   const std::string path = dir.File("doc");
   for (int error : {EOPNOTSUPP, EINVAL, EISDIR}) {
@@ -51,8 +46,7 @@ TEST_F(RaceWindow, NamedTemporariesArePrivateUntilTheyAreTheOldFile) {
   }
 }
 
-// A replacement whose identity did not take (the kernel dropped the mode bits)
-// is not installed: the file is written in place and keeps what it had.
+// A replacement whose mode did not take is not installed: the file is written in place.
 TEST_F(RaceWindow, IdentityIsCheckedAfterItIsCopied) {
   const std::string path = dir.File("doc");
   ASSERT_TRUE(WriteText(path, "old") && chmod(path.c_str(), 02644) == 0);
@@ -74,9 +68,7 @@ TEST_F(RaceWindow, IdentityIsCheckedAfterItIsCopied) {
   EXPECT_EQ(ReadText(path), kText);
 }
 
-// Another process makes the name (a second link to its own file) while the new
-// file is being written: the rename must not land over it, and the write goes
-// through that name as an open of it would.
+// A name made meanwhile (a link to another's file) is not renamed over; the write goes through.
 TEST_F(RaceWindow, NameMadeBeforeTheRenameIsNotReplaced) {
   const std::string path = dir.File("doc"), theirs = dir.File("theirs");
   ASSERT_TRUE(WriteText(theirs, "theirs"));
@@ -104,8 +96,7 @@ TEST_F(RaceWindow, InPlaceDataReachTheFileBeforeTheSync) {
   EXPECT_EQ(sizes, std::vector<off_t>{static_cast<off_t>(kText.size())});
 }
 
-// A stale file replaced by a fresh one while it is being read: the fresh file's
-// time decides, so no second update follows.
+// A stale file refreshed while it is read: the fresh file's time decides, no second update.
 TEST_F(RaceWindow, FileRefreshedDuringTheReadIsNotUpdatedAgain) {
   TestCache cache(dir.path(), true, -1);
   ASSERT_TRUE(cache.UpdateWithData(Data(1)) && cache.SetAge(200));

@@ -1,5 +1,3 @@
-// Web API messages: every query on documented answers, requests' envelopes
-// and parameters, and callers' implicit conversions.
 #include "support/suite.h"
 
 Json::Value Parse(const std::string& text) {
@@ -51,9 +49,7 @@ TEST(Request, ParamsMergeClearAndRoundTrip) {
   EXPECT_EQ("//-1 {} 120 encrypted |", State(r));
 }
 
-// Every query in one line: isValid isSuccess getErrCode|getErrMsg|getErr|hasData getData|
-// getTaskId|isPollFinish isPollSuccess|hasAdditional getAdditional|getDataFieldtoStr("n")|
-// hasField("data") getField("data").
+// Every query of an answer in one line, in declaration order.
 std::string Describe(const Response& r) {
   std::ostringstream s;
   s << r.isValid() << r.isSuccess() << " " << r.getErrCode() << "|" << JsonToString(r.getErrMsg())

@@ -6,8 +6,7 @@
 
 namespace VantDRTest {
 
-// One captured line: its priority, the whole text, and for prefixed lines
-// ("file:line(func)[LEVEL][pid]: message") the parsed parts.
+// A line; prefixed ones ("file:line(func)[LEVEL][pid]: message") are parsed.
 struct LogLine {
   int priority = 0;
   std::string text;
@@ -20,8 +19,7 @@ struct LogLine {
   std::string message;
 };
 
-// Whether `line` is how the library logs `message`: whole, or, for a line
-// over 64 KiB, its first 64 KiB followed by "...[cut, N bytes in all]".
+// `message` whole, or past 64 KiB cut and followed by "...[cut, N bytes in all]".
 bool CarriesMessage(const LogLine& line, const std::string& message);
 
 class LogCapture {

@@ -1,5 +1,3 @@
-// A cache whose fetches are counted across processes, and a fixture giving
-// each test a fresh directory for such caches.
 #pragma once
 
 #include <fcntl.h>
@@ -17,7 +15,6 @@
 
 namespace VantDRTest {
 
-// {"v": v}
 inline Json::Value Data(int v) {
   Json::Value data;
   data["v"] = v;
@@ -32,10 +29,8 @@ inline bool WaitFor(const std::function<bool()>& done, double seconds = 10) {
   return done();
 }
 
-// Cache "c" in `dir` with a 100 s time-out by default; valid data is an object with "v".
-// Each fetch appends a line to <dir>/fetches (so fetches in children count
-// too), runs `onFetch`, waits `delayMs` or until <dir>/release exists, and
-// yields {"v": value}, failing when `fail` is set.
+// Cache "c", valid data has "v"; a fetch is counted in <dir>/fetches (children too), runs
+// onFetch, waits delayMs or for <dir>/release, and yields {"v": value} (fails when `fail`).
 struct TestCache : VantDRCore::Cache {
   explicit TestCache(const std::string& dir, bool required = false, int retryLimit = 0,
                      long timeout = 100)
@@ -67,8 +62,7 @@ struct TestCache : VantDRCore::Cache {
   std::function<void()> onFetch;
 };
 
-// A hang fails the test instead of the suite; the lock files made for caches
-// in `dir` are removed afterwards.
+// A hang fails the test, not the suite; the caches' lock files go afterwards.
 class CacheFixture : public ::testing::Test {
  protected:
   CacheFixture() { alarm(60); }

@@ -5,13 +5,9 @@
 
 namespace VantDRTest {
 
-// How much slower than native the tests run: 1 natively, 2 under
-// AddressSanitizer, 5 when VANTDR_EMULATED is set to anything but "" or "0"
-// (scripts/test-armhf runs the suite under qemu-arm that way). Upper bounds on durations are
-// multiplied by it; lower bounds, which state what the library waits, are not.
+// Slowdown: 1 native, 2 under ASan, 5 with VANTDR_EMULATED (qemu); scales upper bounds only.
 double TimeScale();
 
-// `seconds` * TimeScale().
 inline double Bound(double seconds) { return seconds * TimeScale(); }
 
 // Seconds `body` took, on the monotonic clock.
