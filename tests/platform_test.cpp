@@ -98,43 +98,6 @@ TEST(PlatformTest, PidFilesRoundTripAndBadContentIsNoPid) {
               VLIBCProcPidFileCreate(nullptr) != 0 && VLIBCReadPidFile(nullptr) == 0);
 }
 
-TEST(PlatformTest, LivenessTreatsZombiesAndNonPositivePidsAsDead) {
-  EXPECT_TRUE(VLIBCProcAlive(getpid()) == 1 && VLIBCProcAlive(0) == 0 && VLIBCProcAlive(-1) == 0);
-
-  const pid_t child = StartChild([] { return pause(); });
-  EXPECT_EQ(VLIBCProcAlive(child), 1);
-  kill(child, SIGKILL);
-  EXPECT_TRUE(WaitFor([&] { return VLIBCProcAlive(child) == 0; }, 5));  // an unreaped zombie
-  // Blocking: under emulation the leader can be a zombie before its threads end.
-  EXPECT_EQ(waitpid(child, nullptr, 0), child);
-}
-
-TEST(PlatformTest, DetachedForkGivesTheWorkersPidAndLeavesNoZombie) {
-  TempDir dir;
-  const std::string report = dir.File("worker");
-  pid_t worker = VLIBCProcForkEx(VLIBC_FORK_DETACH | VLIBC_FORK_NEW_SESSION);
-  if (worker == 0) {
-    std::string text = std::to_string(getpid()) + " " + std::to_string(getsid(0) == getpid());
-    WriteText(report + ".tmp", text);
-    rename((report + ".tmp").c_str(), report.c_str());
-    _exit(0);
-  }
-  ASSERT_GT(worker, 0);
-  EXPECT_TRUE(WaitFor([&] { return VLIBCFileExist(report.c_str()) == 1; }, 5));
-  errno = 0;  // the worker is not our child: nothing to reap
-  EXPECT_TRUE(waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD);
-  // The worker's own pid; not a session leader, so it can never reacquire a terminal.
-  EXPECT_EQ(ReadText(report), std::to_string(worker) + " 0");
-  EXPECT_TRUE(WaitFor([&] { return VLIBCProcAlive(worker) == 0; }, 5));
-
-  // Without flags it is a plain fork: the caller reaps its own child.
-  pid_t plain = VLIBCProcForkEx(0);
-  if (plain == 0) _exit(3);
-  ASSERT_GT(plain, 0);
-  int status = 0;
-  EXPECT_TRUE(waitpid(plain, &status, 0) == plain && WEXITSTATUS(status) == 3);
-}
-
 TEST(PlatformTest, RandomIsWithinTheClosedRangeAndReachesBothEnds) {
   VANT::RANDOM::VANTRandom random;
   EXPECT_TRUE(random.urandom(7, 7) == 7u && random.urandom(9, 3) == 9u);
