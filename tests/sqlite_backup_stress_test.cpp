@@ -39,9 +39,8 @@ TEST_F(SqliteBackupStress, BackupsAndReadersUnderWalWritersLoseNothing) {
       SqliteDB db(path, 20, "r");
       db.SetConnectionSetup(setup);
       int last = 0, count = 0;
-      for (; access(stop.c_str(), F_OK) != 0; last = count) {
+      for (; access(stop.c_str(), F_OK) != 0; last = count)
         if (!db.GetCount(rows, count) || count < last || count % 2 != 0) return 1;
-      }
       return 0;
     }));
   }
@@ -122,7 +121,6 @@ TEST_F(SqliteBackupStress, SixProcessesMigrateEachStepOnce) {
 TEST_F(SqliteBackupStress, DestinationSwappedDuringTheBackupIsLeftAlone) {
   const std::string dest = tmp.File("backup.db"), victim = tmp.File("victim");
   ASSERT_TRUE(WriteText(victim, "precious") && SqliteDB(path, 0, "t").Exec("CREATE TABLE t (a)"));
-  // The destination existed, or appeared during the backup.
   for (const bool existed : {true, false}) {
     unlink(dest.c_str());
     ASSERT_TRUE(!existed || WriteText(dest, "old backup"));

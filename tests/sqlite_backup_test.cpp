@@ -86,11 +86,9 @@ TEST(SqliteBackup, CopiesReplacesAndKeepsWhatItMustNotTouch) {
               SqliteDB other(src, 0, "t");
               LogCapture log;
               if (other.Backup(tmp.File("fresh.db")) || other.GetErrCode() != 401) return 1;
-              return log.Messages("ERR") ==
-                             Lines{"Failed to back up db[" + src + "] to [" + tmp.File("fresh.db") +
-                                   "]: cannot create the copy: Permission denied"}
-                         ? 0
-                         : 2;
+              const Lines want = {"Failed to back up db[" + src + "] to [" + tmp.File("fresh.db") +
+                                  "]: cannot create the copy: Permission denied"};
+              return log.Messages("ERR") == want ? 0 : 2;
             }).exitCode,
             0);
   EXPECT_EQ(ReadText(dest), before);
@@ -156,10 +154,9 @@ TEST(SqliteBackup, MigrateRunsEachMissingStepOnce) {
   for (const Case& c : cases) {
     TempDir tmp;
     const std::string path = tmp.File("m.db");
-    if (c.startVersion >= 0) {
+    if (c.startVersion >= 0)
       Query(path, "CREATE TABLE log (step INTEGER); PRAGMA user_version=" +
                       std::to_string(c.startVersion));
-    }
     SqliteDB db(path, 0, "t");
     LogCapture log;
     EXPECT_TRUE(db.Migrate(c.steps) == (c.code == 0) && db.GetErrCode() == c.code) << c.line;

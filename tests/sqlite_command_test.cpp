@@ -11,9 +11,8 @@ TEST(SqliteValue, FormatsEachPayloadAsSqlLiteral) {
   Lines texts;
   for (const SqliteValue& value :
        {SqliteValue(), SqliteValue(true), SqliteValue(false), SqliteValue(INT_MIN),
-        SqliteValue(UINT_MAX), SqliteValue(k2p32), SqliteValue(-k2p32), SqliteValue(ULLONG_MAX)}) {
+        SqliteValue(UINT_MAX), SqliteValue(k2p32), SqliteValue(-k2p32), SqliteValue(ULLONG_MAX)})
     texts.push_back(value.ToFormatedValue());
-  }
   EXPECT_EQ((Lines{"", "1", "0", "-2147483648", "4294967295", "", "", ""}), texts);
   // Assignment moves the payload only, so an IN list filled by assignment is refused.
   std::vector<SqliteValue> assigned(2);
@@ -25,8 +24,7 @@ TEST(SqliteValue, FormatsEachPayloadAsSqlLiteral) {
   EXPECT_EQ(Lines{"Invalid rvalue [5]"}, log.Messages("ERR"));
 }
 
-// Without `warn` the read succeeds silently, T{} becoming `want`; with it, it fails and keeps
-// `want`.
+// No `warn`: T{} silently becomes `want`. Else the read fails, logs `warn`, and `want` stays.
 template <typename T>
 void ExpectRead(const SqliteValue& value, T want, const std::string& warn = "") {
   LogCapture log;

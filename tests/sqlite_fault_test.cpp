@@ -42,8 +42,7 @@ TEST(SqliteFaults, BusyInTheMiddleOfSelectRecords) {
   }
 }
 
-// Any failed allocation fails the batch and changes nothing; a "?" in the condition forces
-// literals.
+// Any failed allocation fails the batch, changing nothing; a "?" condition forces literal SQL.
 TEST(SqliteFaults, AllocationFailuresInABatch) {
   TempDir dir;
   SqliteDB db(dir.File("alloc.db"), 0, "alloc");

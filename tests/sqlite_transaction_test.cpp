@@ -145,9 +145,8 @@ int LimitLength(sqlite3* handle, const char**, const sqlite3_api_routines*) {
 
 TEST(SqliteBatch, AValueSQLiteRefusesFailsTheBatchAsItFailsAlone) {
   TempDir tmp;
-  for (const char* name : {"alone.db", "together.db"}) {
-    ASSERT_TRUE(SqliteDB(tmp.File(name), 0, "t").CreateTable(kJobs));  // the limit would refuse it
-  }
+  for (const char* name : {"alone.db", "together.db"})  // the limit would refuse the schema
+    ASSERT_TRUE(SqliteDB(tmp.File(name), 0, "t").CreateTable(kJobs));
   EXPECT_EQ(RunInChild([&] {
               sqlite3_auto_extension(reinterpret_cast<void (*)()>(LimitLength));
               SqliteDB alone(tmp.File("alone.db"), 0, "t");
