@@ -93,7 +93,6 @@ TEST_F(SqliteBackupStress, KilledBackupsLeaveThePreviousOneWhole) {
               "ok20000")
         << kill;
   }
-  // The next backup clears what the killed ones left.
   ASSERT_TRUE(db.Backup(dest));
   EXPECT_EQ(Entries(tmp.path()), (std::set<std::string>{"src.db", "backup.db"}));
 }

@@ -157,7 +157,6 @@ TEST(SqliteCommand, IncompleteBuildersGiveNothingAndLogEachCall) {
   UpdateCommand update, updateOn = On<UpdateCommand>(kJobs);
   SelectCommand select, selectOn = On<SelectCommand>(kJobs);
   DeleteCommand remove, removeOn = On<DeleteCommand>(kJobs);
-  // Complete but for the table, or with a table and nothing else.
   insert.AddFieldValue("a", 1);
   update.AddFieldValue("a", 1);
   select.SelectAll();

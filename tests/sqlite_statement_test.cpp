@@ -62,7 +62,6 @@ TEST(SqliteStatement, EveryTypeRoundTrips) {
   add(insert.Bind(1, static_cast<const char*>(nullptr)), "null");
   SqliteStatement select(db, "SELECT x FROM v ORDER BY k");
   EXPECT_EQ(Column0(select), expected);
-  // Text read as a blob keeps its NUL.
   SqliteStatement bytes(db, "SELECT x, CAST(x AS BLOB) AS raw FROM v WHERE k IN (8, 11)");
   EXPECT_EQ(Column0(bytes, [](const SqliteRow& row) { return row.GetBlob("raw"); }),
             (Lines{nul, mebibyte}));
@@ -124,7 +123,6 @@ TEST(SqliteStatement, BindsByIndexAndNameAndRefusesWhatIsNotThere) {
 TEST(SqliteStatement, StreamsStopEarlyAndForEachRecordMatchesSelectRecords) {
   TempDir tmp;
   SqliteDB db(tmp.File("t.db"), 0, "t");
-  // A missing file is neither an error nor created.
   LogCapture log;
   db.SetErr(0);
   EXPECT_FALSE(db.ForEachRecord(AllFiles(), [](const SqliteValueList&) { return true; }));

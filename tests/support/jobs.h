@@ -33,7 +33,6 @@ inline VantDRCore::SelectCommand AllJobs(
   return select;
 }
 
-// -1 when the rows cannot be counted.
 inline int Count(VantDRCore::SqliteDB& db) {
   int count = -1;
   return db.GetCount(kJobs, count) ? count : -1;
