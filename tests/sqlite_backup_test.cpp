@@ -1,4 +1,3 @@
-// Backups, integrity checks, schema versions and connection settings.
 #include "support/suite.h"
 
 using Lines = std::vector<std::string>;
@@ -7,7 +6,6 @@ namespace {
 
 std::string ErrText(const SqliteDB& db) { return JsonToString(db.GetErr()); }
 
-// A database of `rows` rows in t(id, v) and an index on v.
 void Fill(const std::string& path, int rows) {
   Query(path,
         "CREATE TABLE t (id INTEGER PRIMARY KEY, v TEXT); CREATE INDEX tv ON t (v);"
@@ -21,8 +19,7 @@ TEST(SqliteBackup, CopiesReplacesAndKeepsWhatItMustNotTouch) {
   Fill(src, 500);
   chmod(src.c_str(), 0640);
   SqliteDB db(src, 0, "t");
-  // What a backup that died left (pid 0x7fffffff is never alive) goes; that
-  // of a living process (init) stays.
+  // Leftovers of a dead backup (pid 0x7fffffff) go; those of a living one (init) stay.
   const std::string dead = ".vantdr-backup.2147483647.00", alive = ".vantdr-backup.1.00";
   for (const std::string& name : {dead, alive}) {
     mkdir(tmp.File(name).c_str(), 0700);
@@ -41,8 +38,7 @@ TEST(SqliteBackup, CopiesReplacesAndKeepsWhatItMustNotTouch) {
   }
   EXPECT_EQ(Query(dest, "SELECT count(*) || ':' || sum(length(v)) FROM t"), "500:6000");
   EXPECT_EQ(Entries(tmp.path()), (std::set<std::string>{"src.db", "backup.db", alive}));
-  // A replaced backup keeps its mode and group; a copy of a WAL database opens as a
-  // plain one, and checking it leaves no -wal or -shm behind.
+  // A replaced backup keeps mode and group; a WAL database's copy opens plain, leaving no -wal.
   ASSERT_EQ(chown(dest.c_str(), -1, 65534) | chmod(dest.c_str(), 0604), 0);
   ASSERT_EQ(Query(src, "PRAGMA journal_mode=WAL; INSERT INTO t (v) VALUES ('wal')"), "");
   db.Close();
@@ -52,8 +48,7 @@ TEST(SqliteBackup, CopiesReplacesAndKeepsWhatItMustNotTouch) {
   EXPECT_EQ(Query(dest, "SELECT count(*) FROM t", SQLITE_OPEN_READONLY), "501");
   EXPECT_EQ(Query(dest, "PRAGMA journal_mode"), "delete");
 
-  // Refusals: the previous backup and whatever sits at the path stay as they
-  // were, and nothing is left beside them.
+  // Refusals leave the previous backup, whatever sits at the path, and nothing beside them.
   mkdir(tmp.File("dir").c_str(), 0755);
   symlink(dest.c_str(), tmp.File("link.db").c_str());
   WriteText(tmp.File("theirs.db"), "not ours");
@@ -91,11 +86,9 @@ TEST(SqliteBackup, CopiesReplacesAndKeepsWhatItMustNotTouch) {
               SqliteDB other(src, 0, "t");
               LogCapture log;
               if (other.Backup(tmp.File("fresh.db")) || other.GetErrCode() != 401) return 1;
-              return log.Messages("ERR") ==
-                             Lines{"Failed to back up db[" + src + "] to [" + tmp.File("fresh.db") +
-                                   "]: cannot create the copy: Permission denied"}
-                         ? 0
-                         : 2;
+              const Lines want = {"Failed to back up db[" + src + "] to [" + tmp.File("fresh.db") +
+                                  "]: cannot create the copy: Permission denied"};
+              return log.Messages("ERR") == want ? 0 : 2;
             }).exitCode,
             0);
   EXPECT_EQ(ReadText(dest), before);
@@ -112,8 +105,7 @@ TEST(SqliteBackup, IntegrityChecksFindDamage) {
   ASSERT_TRUE(db.Backup(tmp.File("good.db")));
   const std::string good = ReadText(tmp.File("good.db"));
   db.Close();
-  // One key of the index changed in place: the structure holds (quick check
-  // passes) but the index no longer matches the table.
+  // One index key changed in place: the structure holds (quick check passes), the index is wrong.
   std::string bytes = ReadText(path);
   const size_t at = bytes.rfind("value-001000");
   const std::string indexRoot = Query(path, "SELECT rootpage FROM sqlite_master WHERE name='tv'");
@@ -122,20 +114,17 @@ TEST(SqliteBackup, IntegrityChecksFindDamage) {
   ASSERT_TRUE(WriteText(path, bytes));
   {
     LogCapture log;
-    EXPECT_TRUE(db.CheckIntegrity(true));
-    EXPECT_FALSE(db.CheckIntegrity(false));
+    EXPECT_TRUE(db.CheckIntegrity(true) && !db.CheckIntegrity(false));
     EXPECT_EQ(ErrText(db), "{\"err_code\":404,\"err_msg\":\"row 1000 missing from index tv\"}");
     EXPECT_EQ(log.Messages("ERR"), Lines{"Integrity check [integrity_check] of db[" + path +
                                          "] failed: row 1000 missing from index tv"});
   }
   db.Close();
-  // A page of the table overwritten: both checks fail, and so does a backup,
-  // which keeps the good copy.
+  // A table page overwritten: both checks fail, and so does a backup, keeping the good copy.
   bytes = ReadText(path);
   for (size_t i = 3 * 4096 + 100; i < 3 * 4096 + 400; ++i) bytes[i] = '\x55';
   ASSERT_TRUE(WriteText(path, bytes));
-  EXPECT_FALSE(db.CheckIntegrity() || db.Backup(tmp.File("good.db")));
-  EXPECT_EQ(db.GetErrCode(), 404);
+  EXPECT_TRUE(!db.CheckIntegrity() && !db.Backup(tmp.File("good.db")) && db.GetErrCode() == 404);
   EXPECT_EQ(ReadText(tmp.File("good.db")), good);
   EXPECT_EQ(Entries(tmp.path()), (std::set<std::string>{"a.db", "good.db"}));
 }
@@ -148,8 +137,7 @@ TEST(SqliteBackup, MigrateRunsEachMissingStepOnce) {
     int startVersion;  // -1: a new file
     Lines steps;
     int code, endVersion;
-    std::string logged;  // the steps run, as the table shows them
-    std::string line;    // the one INFO (success) or ERR line, % for the path
+    std::string logged, line;  // the steps run; the one INFO or ERR line, % for the path
   };
   const Case cases[] = {
       {-1, steps, 0, 3, "2,3", "INFO Migrate: Migrated db[%] from version [0] to [3]"},
@@ -166,14 +154,12 @@ TEST(SqliteBackup, MigrateRunsEachMissingStepOnce) {
   for (const Case& c : cases) {
     TempDir tmp;
     const std::string path = tmp.File("m.db");
-    if (c.startVersion >= 0) {
+    if (c.startVersion >= 0)
       Query(path, "CREATE TABLE log (step INTEGER); PRAGMA user_version=" +
                       std::to_string(c.startVersion));
-    }
     SqliteDB db(path, 0, "t");
     LogCapture log;
-    EXPECT_EQ(db.Migrate(c.steps), c.code == 0) << c.line;
-    EXPECT_EQ(db.GetErrCode(), c.code) << c.line;
+    EXPECT_TRUE(db.Migrate(c.steps) == (c.code == 0) && db.GetErrCode() == c.code) << c.line;
     int version = -1;
     EXPECT_TRUE(db.GetSchemaVersion(version) && version == c.endVersion) << version;
     EXPECT_EQ(Query(path, "SELECT group_concat(step) FROM log"), c.logged) << c.line;

@@ -1,8 +1,5 @@
-// Values, records, conditions and the statement builders: the SQL text they
-// give and the lines they log.
 #include "support/suite.h"
 
-using VantDRTest::LogCapture;
 using Lines = std::vector<std::string>;
 
 namespace {
@@ -14,9 +11,8 @@ TEST(SqliteValue, FormatsEachPayloadAsSqlLiteral) {
   Lines texts;
   for (const SqliteValue& value :
        {SqliteValue(), SqliteValue(true), SqliteValue(false), SqliteValue(INT_MIN),
-        SqliteValue(UINT_MAX), SqliteValue(k2p32), SqliteValue(-k2p32), SqliteValue(ULLONG_MAX)}) {
+        SqliteValue(UINT_MAX), SqliteValue(k2p32), SqliteValue(-k2p32), SqliteValue(ULLONG_MAX)})
     texts.push_back(value.ToFormatedValue());
-  }
   EXPECT_EQ((Lines{"", "1", "0", "-2147483648", "4294967295", "", "", ""}), texts);
   // Assignment moves the payload only, so an IN list filled by assignment is refused.
   std::vector<SqliteValue> assigned(2);
@@ -28,8 +24,7 @@ TEST(SqliteValue, FormatsEachPayloadAsSqlLiteral) {
   EXPECT_EQ(Lines{"Invalid rvalue [5]"}, log.Messages("ERR"));
 }
 
-// No `warn`: the read succeeds, silently, and turns `out` from T{} into `want`.
-// Otherwise it fails with that WARN line and `want`, already in `out`, survives.
+// No `warn`: T{} silently becomes `want`. Else the read fails, logs `warn`, and `want` stays.
 template <typename T>
 void ExpectRead(const SqliteValue& value, T want, const std::string& warn = "") {
   LogCapture log;
@@ -118,8 +113,7 @@ TEST(SqliteCondition, BuildsTheDocumentedTextsAndRefusesBadSides) {
   EXPECT_TRUE(both.SetValue("c=3", "d=4"));
   EXPECT_FALSE(both.SetValue("", "x") || SqliteOr(SqliteCondition(), SqliteIsNull("b")).IsValid());
   SqliteIsNull isNull;  // never reports success; IsValid() tells whether the text was built
-  EXPECT_FALSE(isNull.SetValue("x") || isNull.SetValue(""));
-  EXPECT_TRUE(isNull.IsValid());
+  EXPECT_TRUE(!isNull.SetValue("x") && !isNull.SetValue("") && isNull.IsValid());
   const SqliteGreaterEqual big("a", SqliteValue(1LL << 33));  // valid: formats to ""
   EXPECT_FALSE(SqliteLessEqual("", 1).IsValid() || SqliteGreater("a", SqliteValue()).IsValid());
   EXPECT_EQ((Lines{"b=1", "(a=1) AND (b=2)(c=3) AND (d=4)", "x IS NULL", "a>="}),
@@ -137,21 +131,19 @@ TEST(SqliteCondition, InFamilyValidityFollowsTheKeywordOnly) {
   SqliteIn in;
   EXPECT_TRUE(in.IsValid() && in.SetValue("id", {1, 2}));
   // One invalid value empties the text, not just the new list.
-  EXPECT_FALSE(in.SetValue("id", {SqliteValue(1), SqliteValue(), SqliteValue(3)}));
-  EXPECT_EQ("", in.GetText());
+  EXPECT_TRUE(!in.SetValue("id", {SqliteValue(1), SqliteValue(), SqliteValue(3)}) &&
+              in.GetText().empty());
   EXPECT_TRUE(in.SetValue("id", "7") && SqliteNotIn("", "1").IsValid());
   EXPECT_FALSE(in.SetValue("", {1}) || in.SetValue("id", ""));
   EXPECT_EQ("id IN ( 7 )", in.GetText());
   SqliteInFamily lower("in", "id", "1");
-  EXPECT_FALSE(lower.IsValid() || SqliteInFamily("NOT IN ").SetValue("id", {1}));
-  EXPECT_EQ("", lower.GetText());
+  EXPECT_FALSE(lower.IsValid() || SqliteInFamily("NOT IN ").SetValue("id", {1}) ||
+               !lower.GetText().empty());
   EXPECT_EQ((Lines{"ERR SetValue: Invalid rvalue []", "ERR SetValue: Bad lvalue[] or value[1]",
                    "ERR SetValue: Bad lvalue[]", "ERR SetValue: Bad lvalue[id] or value[]",
                    "ERR SetValue: Bad keyword [in]", "ERR SetValue: Bad keyword [NOT IN ]"}),
             log.Summary());
 }
-
-const SqliteTableHandler kJob("job", "id INTEGER PRIMARY KEY, name TEXT");
 
 template <typename Command>
 Command On(const SqliteTableHandler& table) {
@@ -161,11 +153,10 @@ Command On(const SqliteTableHandler& table) {
 }
 
 TEST(SqliteCommand, IncompleteBuildersGiveNothingAndLogEachCall) {
-  InsertCommand insert, insertOn = On<InsertCommand>(kJob);
-  UpdateCommand update, updateOn = On<UpdateCommand>(kJob);
-  SelectCommand select, selectOn = On<SelectCommand>(kJob);
-  DeleteCommand remove, removeOn = On<DeleteCommand>(kJob);
-  // Complete but for the table, or with a table and nothing else.
+  InsertCommand insert, insertOn = On<InsertCommand>(kJobs);
+  UpdateCommand update, updateOn = On<UpdateCommand>(kJobs);
+  SelectCommand select, selectOn = On<SelectCommand>(kJobs);
+  DeleteCommand remove, removeOn = On<DeleteCommand>(kJobs);
   insert.AddFieldValue("a", 1);
   update.AddFieldValue("a", 1);
   select.SelectAll();
@@ -189,13 +180,13 @@ TEST(SqliteCommand, IncompleteBuildersGiveNothingAndLogEachCall) {
 
 TEST(SqliteCommand, InsertAndUpdateBuildColumnsInFieldOrder) {
   LogCapture log;
-  InsertCommand insert = On<InsertCommand>(kJob);
+  InsertCommand insert = On<InsertCommand>(kJobs);
   EXPECT_TRUE(insert.AddFieldValue("name", std::string("it's")) && insert.AddFieldValue("id", 3));
   EXPECT_EQ("INSERT INTO job (id,name) VALUES (3,'it''s');", insert.GetCommand());
   EXPECT_EQ("job]values:[id=3,name='it''s']", insert.ToStr());
   insert.SetReplacable(true);
   EXPECT_EQ("INSERT OR REPLACE INTO job (id,name) VALUES (3,'it''s');", insert.GetCommand());
-  InsertCommand typed = On<InsertCommand>(kJob);
+  InsertCommand typed = On<InsertCommand>(kJobs);
   EXPECT_TRUE(typed.AddFieldValue("z", true) && typed.AddFieldValue("a", 1) &&
               typed.AddFieldValue("a", std::string("x")) && typed.AddFieldValue("u", 4000000000U) &&
               typed.AddFieldValue("l", -9L));
@@ -208,7 +199,7 @@ TEST(SqliteCommand, InsertAndUpdateBuildColumnsInFieldOrder) {
   insert.SetFieldValues(record);  // replaces every field
   EXPECT_EQ("(big,id) VALUES (3)", insert.ToFormatedInsertValues());
 
-  UpdateCommand update = On<UpdateCommand>(kJob);
+  UpdateCommand update = On<UpdateCommand>(kJobs);
   update.AddFieldValue("state", 2);
   update.AddFieldValue("name", std::string("a"));
   EXPECT_EQ("UPDATE job SET name='a',state=2", update.GetCommand());
@@ -226,14 +217,12 @@ TEST(SqliteCommand, InsertAndUpdateBuildColumnsInFieldOrder) {
 
 TEST(SqliteCommand, SelectBuildsFieldsConditionOrderAndLimit) {
   LogCapture log;
-  SelectCommand some = On<SelectCommand>(kJob);
+  SelectCommand some = On<SelectCommand>(kJobs);
   EXPECT_FALSE(some.AddField("") || some.AddOrderField(""));
-  some.AddField("id");
-  some.AddField("name");
+  for (const char* field : {"id", "name"}) some.AddField(field);
   some.SetCondition("state=2");
   some.AddOrderField("id");
   EXPECT_TRUE(some.SetLimit(10));
-  // Refused setters change nothing.
   EXPECT_FALSE(some.SetLimit(0) || some.SetLimit(-1) || some.SetLimit(-1, 5) ||
                some.SetLimit(5, 0) || some.SetCondition("") ||
                some.SetCondition(SqliteCondition()));
@@ -246,8 +235,7 @@ TEST(SqliteCommand, SelectBuildsFieldsConditionOrderAndLimit) {
   EXPECT_EQ("SELECT  * FROM job WHERE state=2 ORDER BY id,name ASC LIMIT 20, 10",
             some.GetCommand());
   some.SetOrderByDESC();
-  some.AddField("id");
-  some.AddField("id");
+  for (int twice = 0; twice < 2; ++twice) some.AddField("id");
   EXPECT_EQ("SELECT id,id FROM job WHERE state=2 ORDER BY id,name DESC LIMIT 20, 10",
             some.GetCommand());
   EXPECT_EQ("job]condition:[state=2]/fields:[id, id]", some.ToStr());
@@ -257,11 +245,11 @@ TEST(SqliteCommand, SelectBuildsFieldsConditionOrderAndLimit) {
 
 TEST(SqliteCommand, DeleteNeedsConditionOrDeleteAll) {
   LogCapture log;
-  DeleteCommand all = On<DeleteCommand>(kJob);
+  DeleteCommand all = On<DeleteCommand>(kJobs);
   all.DeleteAll();
   EXPECT_EQ("DELETE FROM job;|job]condition:[all]", all.GetCommand() + "|" + all.ToStr());
   // A condition survives a later DeleteAll(); a later condition clears the flag.
-  DeleteCommand kept = On<DeleteCommand>(kJob);
+  DeleteCommand kept = On<DeleteCommand>(kJobs);
   EXPECT_FALSE(kept.SetCondition("") || kept.IsValid());
   EXPECT_TRUE(kept.SetCondition(SqliteIn("id", {3})));
   kept.DeleteAll();

@@ -5,13 +5,6 @@ using Rows = std::vector<SqliteValueList>;
 
 namespace {
 
-// Attaches `path` as aux, holding a job table with the row (1, 'aux').
-std::string AttachJobs(const std::string& path) {
-  return "ATTACH '" + path +
-         "' AS aux; CREATE TABLE aux.job (id INTEGER, name TEXT);"
-         "INSERT INTO aux.job VALUES (1, 'aux');";
-}
-
 TEST(SqliteDB, RowsFailuresAndOneConnection) {
   TempDir tmp;
   SqliteDB db(tmp.File("a.db"), 2, "t");
@@ -55,13 +48,11 @@ TEST(SqliteDB, TableAndRecordOperations) {
   LogCapture log;
   SqliteDB db(tmp.File("jobs.db"), 1, "[jobs]");
   SqliteValueList row;
-  EXPECT_TRUE(db.CreateTable(SqliteTableHandler("", "")));  // nothing to create: nothing sent
-  EXPECT_FALSE(db.IsExisted());
+  EXPECT_TRUE(db.CreateTable(SqliteTableHandler("", "")) && !db.IsExisted());  // nothing sent
   int count = -1;
   EXPECT_FALSE(db.GetCount(kJobs, count) || db.IsTableExisted("job"));
   log.Clear();
-  EXPECT_FALSE(db.InsertRecord(InsertCommand()));
-  EXPECT_EQ(db.GetErrCode(), 401);
+  EXPECT_TRUE(!db.InsertRecord(InsertCommand()) && db.GetErrCode() == 401);
   ASSERT_TRUE(db.InsertRecord(Job(1, "backup")));
   EXPECT_EQ(log.Summary(),
             (Lines{"ERR GetCommand: Bad insert parameter", "INFO Exec: [jobs] Exec cmd: ",
@@ -77,8 +68,7 @@ TEST(SqliteDB, TableAndRecordOperations) {
     ASSERT_TRUE(db.SelectRecord(AllJobs(SqliteEqual("name", text)), row));
     EXPECT_TRUE(row.GetValue("name", name) && name == text);
   }
-  EXPECT_FALSE(db.DeleteRecord("", kJobs));
-  EXPECT_EQ(db.GetErrCode(), 401);
+  EXPECT_TRUE(!db.DeleteRecord("", kJobs) && db.GetErrCode() == 401);
   EXPECT_TRUE(db.DeleteRecord("id=3", kJobs) && db.GetCount(kJobs, count) && count == 5);
   EXPECT_TRUE(db.DeleteAllRecords(kJobs) && db.GetCount(kJobs, count) && count == 0);
 }
@@ -102,7 +92,9 @@ TEST(SqliteDB, ReusedQueriesFollowSchemaChanges) {
     EXPECT_EQ(read("SELECT " + std::to_string(i) + " AS n"), "n:" + std::to_string(i));
   EXPECT_EQ(read("SELECT * FROM t"), "b:'x'");
   // A name found in an attached database, then created in main here or elsewhere.
-  ASSERT_TRUE(db.Exec(AttachJobs(tmp.File("aux.db"))));
+  ASSERT_TRUE(db.Exec("ATTACH '" + tmp.File("aux.db") +
+                      "' AS aux; CREATE TABLE aux.job (id INTEGER, name TEXT);"
+                      "INSERT INTO aux.job VALUES (1, 'aux');"));
   EXPECT_EQ(read(text) + "|" + read(text + " "), "id:1, name:'aux'|id:1, name:'aux'");
   ASSERT_EQ(
       Query(path, "CREATE TABLE job (id INTEGER, name TEXT); INSERT INTO job VALUES (1, 'main');"),
@@ -137,7 +129,6 @@ TEST(SqliteDB, TextIsReadUpToItsFirstNul) {
   ASSERT_TRUE(db.Exec("UPDATE job SET name = CAST(x'610062' AS TEXT) WHERE id = 1"));
   SqliteValueList row;
   ASSERT_TRUE(db.SelectRecord(AllJobs(SqliteEqual("id", 1)), row));
-  // The record read back is written back as it is.
   InsertCommand copy;
   copy.SetTable(kJobs);
   copy.SetFieldValues(row);
@@ -179,7 +170,6 @@ TEST(SqliteDB, TextWithoutStatementOrConnection) {
   EXPECT_TRUE(row.Empty() && rows.empty());
 }
 
-// Answers each GetCommand() with the next of its texts.
 class ScriptedCommand : public SqliteCommand {
  public:
   explicit ScriptedCommand(const Lines& texts) : texts_(texts) { SetTable(kJobs); }

@@ -1,4 +1,3 @@
-// SQLite failing underneath SqliteDB in the middle of a query.
 #include "support/fault_injection.h"
 #include "support/suite.h"
 
@@ -43,8 +42,7 @@ TEST(SqliteFaults, BusyInTheMiddleOfSelectRecords) {
   }
 }
 
-// Whichever allocation of a batch fails, the batch fails with an error of its own and changes
-// nothing. A condition with a parameter mark makes it write the literal statement.
+// Any failed allocation fails the batch, changing nothing; a "?" condition forces literal SQL.
 TEST(SqliteFaults, AllocationFailuresInABatch) {
   TempDir dir;
   SqliteDB db(dir.File("alloc.db"), 0, "alloc");

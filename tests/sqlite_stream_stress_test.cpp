@@ -1,4 +1,3 @@
-// Streaming a million rows costs no more memory than the raw step loop.
 #include <sys/resource.h>
 
 #include "support/suite.h"
@@ -7,8 +6,7 @@ namespace {
 
 const long kRows = 1000000;
 
-// The peak resident size (KiB) of a child in which `body` counts the rows it saw whole; -1
-// when it saw fewer than all.
+// Peak resident KiB of a child where `body` counts whole rows; -1 unless it saw all of them.
 long PeakKiB(const std::function<long()>& body) {
   int fds[2];
   long peak = -1;

@@ -1,5 +1,3 @@
-// Batches and transaction guards: all or nothing, the rows of one-by-one
-// writes, and the retry policy at BEGIN and COMMIT.
 #include "support/suite.h"
 
 using Lines = std::vector<std::string>;
@@ -12,7 +10,6 @@ const SqliteTableHandler kKinds(
     "d INTEGER DEFAULT 7, s TEXT DEFAULT 'none', u TEXT UNIQUE");
 const SqliteTableHandler kEvents("events", "k TEXT, v INTEGER");
 
-// An INSERT into `table` of `values` to the blank-separated `fields`; `replace` for OR REPLACE.
 InsertCommand Insert(const SqliteTableHandler& table, const std::string& fields,
                      const std::vector<SqliteValue>& values, bool replace = false) {
   std::istringstream names(fields);
@@ -36,7 +33,6 @@ UpdateCommand Update(const SqliteTableHandler& table, const std::string& field, 
   return update;
 }
 
-// Every row of every table as SQLite stores it: storage class and exact value per column.
 std::string Dump(const std::string& path) {
   std::string out;
   for (const std::string table : {"kinds", "events", "job"}) {
@@ -58,17 +54,16 @@ TEST(SqliteBatch, WritesExactlyTheRowsOfOneByOneWrites) {
   using V = SqliteValue;
   using S = std::string;
   std::vector<InsertCommand> inserts = {
-      // Affinity turns text into numbers.
-      Insert(kKinds, "id i n t r b x u",
+      Insert(kKinds, "id i n t r b x u",  // affinity turns text into numbers
              {V(1), V(S("42")), V(S("1.5")), V(5), V(3), V(S("blob")), V(S("007")), V(S("a"))}),
-      // The rowid chosen by SQLite, defaults filled in.
       Insert(kKinds, "i n t x u",
              {V(true), V(S("abc")), V(S("it's 'quoted'; -- not a comment")), V(-2147483647L - 1),
               V(S("b"))}),
-      // Parameter marks inside a value.
       Insert(kKinds, "i u s", {V(4000000000u), V(S("c")), V(S(":name ?1 @p $v"))}),
-      Insert(kEvents, "k v", {V(S("key")), V(0)}), Insert(kEvents, "k v", {V(S("")), V(1)}),
-      Insert(kEvents, "k v", {V(S("key")), V(2)}), Insert(kKinds, "u", {V(S("d"))}),
+      Insert(kEvents, "k v", {V(S("key")), V(0)}),
+      Insert(kEvents, "k v", {V(S("")), V(1)}),
+      Insert(kEvents, "k v", {V(S("key")), V(2)}),
+      Insert(kKinds, "u", {V(S("d"))}),
       Insert(kKinds, "u i", {V(S("d")), V(false)}, true)};  // a new rowid
   inserts.push_back(inserts[3]);                            // the same statement shape twice more
   inserts.push_back(inserts[3]);
@@ -93,22 +88,18 @@ TEST(SqliteBatch, WritesExactlyTheRowsOfOneByOneWrites) {
                                   "INFO ExecBatch: t Exec batch of 5 commands success"}));
   EXPECT_EQ(Dump(tmp.File("batch.db")), Dump(tmp.File("single.db")));
 
-  // Commands that fail one by one fail the batch with the same error, and the batch writes
-  // nothing: a text stops at its NUL, a 64-bit value formats to "" ("(id,name) VALUES ('x')").
+  // A failing command fails the batch with its one-by-one error and writes nothing.
   Lines errors;
   for (const InsertCommand& failing :
        {Insert(kJobs, "name", {V(S("a\0b", 3))}),
         Insert(kJobs, "id name", {V(1LL << 33), V(S("x"))}), Job(1, "x")}) {
-    SqliteDB alone(tmp.File("alone.db"), 0, "t"), together(tmp.File("together.db"), 0, "t");
+    const std::string n = std::to_string(errors.size());
+    SqliteDB alone(tmp.File("alone" + n), 0, "t"), together(tmp.File("together" + n), 0, "t");
     EXPECT_FALSE(alone.InsertRecord(failing) && alone.InsertRecord(Job(1, "dup")));
     EXPECT_FALSE(together.InsertRecords({Job(2, "first"), failing, Job(1, "dup")}));
     errors.push_back(JsonToString(alone.GetErr()));
     EXPECT_EQ(JsonToString(together.GetErr()), errors.back());
     EXPECT_FALSE(together.IsTableExisted("job"));  // created inside, rolled back too
-    alone.Close();
-    together.Close();
-    unlink(tmp.File("alone.db").c_str());
-    unlink(tmp.File("together.db").c_str());
   }
   const std::string head = "{\"err_code\":404,\"err_msg\":{\"sqlite_errcode\":";
   EXPECT_EQ(errors, (Lines{head + "1,\"sqlite_errmsg\":\"unrecognized token: \\\"'a\\\"\"}}",
@@ -130,8 +121,7 @@ TEST(SqliteBatch, ChecksEveryCommandFirstAndWritesAllOrNothing) {
                                   "ERR ExecBatch: Invalid command [0] of batch []condition:[]/"
                                   "values:[]]"}));
   EXPECT_TRUE(db.InsertRecords({}) && db.UpdateRecords({}) && !db.IsExisted());  // nothing to do
-  // A failure at the 30th row rolls back the 29 before it, and retries nothing: a
-  // constraint is not contention.
+  // The 30th row's failure rolls back the 29 before it; a constraint is not contention, no retry.
   ASSERT_TRUE(db.InsertRecords(Jobs(100, 1)));
   jobs[29] = Job(100, "taken");
   log.Clear();
@@ -155,9 +145,8 @@ int LimitLength(sqlite3* handle, const char**, const sqlite3_api_routines*) {
 
 TEST(SqliteBatch, AValueSQLiteRefusesFailsTheBatchAsItFailsAlone) {
   TempDir tmp;
-  for (const char* name : {"alone.db", "together.db"}) {
-    ASSERT_TRUE(SqliteDB(tmp.File(name), 0, "t").CreateTable(kJobs));  // the limit would refuse it
-  }
+  for (const char* name : {"alone.db", "together.db"})  // the limit would refuse the schema
+    ASSERT_TRUE(SqliteDB(tmp.File(name), 0, "t").CreateTable(kJobs));
   EXPECT_EQ(RunInChild([&] {
               sqlite3_auto_extension(reinterpret_cast<void (*)()>(LimitLength));
               SqliteDB alone(tmp.File("alone.db"), 0, "t");
@@ -185,8 +174,7 @@ TEST(SqliteDB, CountsMatchingRowsAndTellsTheLastRowId) {
   count = 42;
   EXPECT_FALSE(db.GetCount(kJobs, SqliteIn(), count) ||
                db.GetCount(kJobs, SqliteLess("", 1), count));
-  EXPECT_EQ(db.GetErrCode(), 401);
-  EXPECT_EQ(count, 42);
+  EXPECT_TRUE(db.GetErrCode() == 401 && count == 42);
   db.Close();
   EXPECT_EQ(db.GetLastInsertRowId(), 0);
   EXPECT_EQ(log.Messages("ERR"),
@@ -211,8 +199,8 @@ TEST(SqliteTransaction, CommitsRollsBackAndAdmitsOneGuardAtATime) {
     EXPECT_EQ(Count(db), 4);     // its own writes are visible to it
     EXPECT_EQ(Count(other), 1);  // and to nobody else yet
     SqliteTransaction second(db);
-    EXPECT_FALSE(second.Begin() || second.IsActive() || transaction.Begin());
-    EXPECT_EQ(db.GetErrCode(), 401);
+    EXPECT_TRUE(!second.Begin() && !second.IsActive() && !transaction.Begin() &&
+                db.GetErrCode() == 401);
     EXPECT_TRUE(transaction.IsActive());
   }  // not committed: rolled back
   EXPECT_EQ(Count(other), 1);
@@ -220,27 +208,21 @@ TEST(SqliteTransaction, CommitsRollsBackAndAdmitsOneGuardAtATime) {
     SqliteTransaction transaction(db);
     ASSERT_TRUE(transaction.Begin());
     ASSERT_TRUE(db.InsertRecord(Job(2, "a")));
-    // A failed batch inside the guard takes back its own rows only.
-    EXPECT_FALSE(db.InsertRecords({Job(3, "b"), Job(2, "again")}));
-    EXPECT_EQ(db.GetErrCode(), 404);
+    EXPECT_TRUE(!db.InsertRecords({Job(3, "b"), Job(2, "again")}) && db.GetErrCode() == 404);
     EXPECT_TRUE(db.InsertRecords(Jobs(4, 2)));
-    // Explicit rollback keeps the error record of what went wrong.
     EXPECT_FALSE(db.InsertRecord(Job(1, "duplicate")));
     const std::string err = JsonToString(db.GetErr());
-    EXPECT_TRUE(transaction.Rollback());
-    EXPECT_EQ(JsonToString(db.GetErr()), err);
+    EXPECT_TRUE(transaction.Rollback() && JsonToString(db.GetErr()) == err);
     EXPECT_FALSE(transaction.IsActive() || transaction.Rollback() || transaction.Commit());
     ASSERT_TRUE(transaction.Begin());  // a guard may start again once done
     ASSERT_TRUE(db.InsertRecord(Job(2, "a")) && db.InsertRecords(Jobs(4, 2)));
-    EXPECT_TRUE(transaction.Commit());
-    EXPECT_FALSE(transaction.IsActive());
+    EXPECT_TRUE(transaction.Commit() && !transaction.IsActive());
     EXPECT_TRUE(SqliteTransaction(db).Begin());  // the slot is free again
   }
   EXPECT_EQ(Count(other), 4);
   // SQLite's own refusal of a nested BEGIN goes through the retry policy.
   ASSERT_TRUE(db.Exec("BEGIN"));
-  EXPECT_FALSE(SqliteTransaction(db).Begin());
-  EXPECT_EQ(db.GetErrCode(), 404);
+  EXPECT_TRUE(!SqliteTransaction(db).Begin() && db.GetErrCode() == 404);
   EXPECT_TRUE(db.Exec("ROLLBACK"));
   const std::string on = " on db[" + path + "]";
   EXPECT_EQ(log.Count("Transaction already active" + on), 2);
@@ -248,9 +230,7 @@ TEST(SqliteTransaction, CommitsRollsBackAndAdmitsOneGuardAtATime) {
               log.Has("ERR", "No active transaction to commit" + on));
 }
 
-// A holder keeps its lock 1.5 s (a reader before a COMMIT 2.5 s, as the
-// writes come first): longer than the 1 s busy time-out, shorter than the
-// time-out plus the shortest retry pause and a second time-out.
+// Holders keep the lock 1.5 s (readers 2.5 s): past the 1 s busy time-out, within one retry.
 TEST(SqliteTransactionContention, BeginCommitAndBatchesAreRetriedWhenBusy) {
   const char kWriter[] = "BEGIN EXCLUSIVE", kReader[] = "BEGIN; SELECT count(*) FROM job";
   TempDir tmp;
@@ -258,7 +238,6 @@ TEST(SqliteTransactionContention, BeginCommitAndBatchesAreRetriedWhenBusy) {
   SqliteDB db{path, 2, "t"}, impatient{path, 0, "t"};
   ASSERT_TRUE(db.InsertRecord(Job(1, "a")));
   LogCapture log;
-  // Runs `body` while a child holds the lock that `begin` takes.
   const auto whileHeld = [&](const char* begin, int holdMs, const std::function<void()>& body) {
     const pid_t holder = HoldSqliteLock(path, begin, holdMs);
     ASSERT_GT(holder, 0);
@@ -267,14 +246,12 @@ TEST(SqliteTransactionContention, BeginCommitAndBatchesAreRetriedWhenBusy) {
   };
   whileHeld(kWriter, 1500, [&] {
     SqliteTransaction transaction(impatient);
-    EXPECT_FALSE(transaction.Begin() || transaction.IsActive());
-    EXPECT_EQ(impatient.GetErrCode(), 405);
+    EXPECT_TRUE(!transaction.Begin() && !transaction.IsActive() && impatient.GetErrCode() == 405);
   });
   whileHeld(kWriter, 1500, [&] { EXPECT_FALSE(impatient.InsertRecords(Jobs(2, 3))); });
   SqliteTransaction transaction(db);
   whileHeld(kWriter, 1500, [&] { EXPECT_TRUE(transaction.Begin()); });
   EXPECT_TRUE(transaction.Rollback());
-  // The reader holds long enough to outlast the first COMMIT but not the second.
   whileHeld(kReader, 2500, [&] {
     ASSERT_TRUE(transaction.Begin() && db.InsertRecord(Job(2, "b")));
     EXPECT_TRUE(transaction.Commit());
@@ -295,21 +272,17 @@ TEST(SqliteTransactionContention, BeginCommitAndBatchesAreRetriedWhenBusy) {
                 log.Count("After retry [1] times, success to exec command [COMMIT]") +
                 log.Count("t After retry [1] times, success to exec batch of 3 commands"),
             4);
-  // A COMMIT that fails while SQLite keeps the transaction open leaves the
-  // guard active, so that its rollback still ends the transaction.
+  // A COMMIT failing with the transaction still open leaves the guard active for its rollback.
   SqliteTransaction held(impatient);
   whileHeld(kReader, 1500, [&] {
     ASSERT_TRUE(held.Begin() && impatient.InsertRecord(Job(9, "c")));
-    EXPECT_FALSE(held.Commit());
-    EXPECT_TRUE(held.IsActive());
+    EXPECT_TRUE(!held.Commit() && held.IsActive());
   });
   EXPECT_TRUE(held.Rollback());
-  // In a transaction the caller began with a plain BEGIN, a batch takes its write lock late:
-  // contention then fails it at once, with no retry outside the caller's transaction.
+  // A batch in the caller's plain BEGIN takes its write lock late: contention fails it, no retry.
   whileHeld("BEGIN IMMEDIATE", 1500, [&] {
     ASSERT_TRUE(db.Exec("BEGIN"));
-    EXPECT_FALSE(db.InsertRecords(Jobs(9, 2)));
-    EXPECT_EQ(db.GetErrCode(), 405);
+    EXPECT_TRUE(!db.InsertRecords(Jobs(9, 2)) && db.GetErrCode() == 405);
     EXPECT_TRUE(db.Exec("ROLLBACK"));
   });
   EXPECT_EQ(Count(db), 8);

@@ -1,7 +1,8 @@
 #include "support/db_files.h"
 
-#include <dirent.h>
 #include <unistd.h>
+
+#include <filesystem>
 
 #include "support/process.h"
 
@@ -31,12 +32,9 @@ std::string Query(const std::string& path, const std::string& sql, int flags) {
 
 std::set<std::string> Entries(const std::string& dir) {
   std::set<std::string> names;
-  DIR* d = opendir(dir.c_str());
-  while (const dirent* e = d != nullptr ? readdir(d) : nullptr) {
-    const std::string name = e->d_name;
-    if (name != "." && name != "..") names.insert(name);
-  }
-  if (d != nullptr) closedir(d);
+  std::error_code error;
+  for (const auto& entry : std::filesystem::directory_iterator(dir, error))
+    names.insert(entry.path().filename());
   return names;
 }
 

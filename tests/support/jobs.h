@@ -1,4 +1,3 @@
-// The job table the SQLite tests write, and builders for it.
 #pragma once
 
 #include <string>
@@ -19,14 +18,12 @@ inline VantDRCore::InsertCommand Job(int id, const std::string& name) {
   return insert;
 }
 
-// Jobs first .. first + n - 1, named "job <id>".
 inline std::vector<VantDRCore::InsertCommand> Jobs(int first, int n) {
   std::vector<VantDRCore::InsertCommand> jobs;
   for (int id = first; id < first + n; ++id) jobs.push_back(Job(id, "job " + std::to_string(id)));
   return jobs;
 }
 
-// SELECT * FROM job, with `condition` unless it is empty.
 inline VantDRCore::SelectCommand AllJobs(
     const VantDRCore::SqliteCondition& condition = VantDRCore::SqliteCondition()) {
   VantDRCore::SelectCommand select;
@@ -36,7 +33,6 @@ inline VantDRCore::SelectCommand AllJobs(
   return select;
 }
 
-// The rows of job as `db` counts them; -1 when it cannot.
 inline int Count(VantDRCore::SqliteDB& db) {
   int count = -1;
   return db.GetCount(kJobs, count) ? count : -1;
