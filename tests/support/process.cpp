@@ -8,22 +8,20 @@
 namespace VantDRTest {
 
 pid_t StartChild(const std::function<int()>& body) {
-  pid_t pid = fork();
+  const pid_t pid = fork();
   if (pid != 0) return pid;
   int code = 99;
   try {
     code = body();
   } catch (...) {
-    code = 99;
   }
   _exit(code);
 }
 
 ChildResult WaitChild(pid_t pid) {
   ChildResult result;
-  if (pid < 0) return result;
   int status = 0;
-  if (waitpid(pid, &status, 0) != pid) return result;
+  if (pid < 0 || waitpid(pid, &status, 0) != pid) return result;
   if (WIFEXITED(status)) result.exitCode = WEXITSTATUS(status);
   if (WIFSIGNALED(status)) result.signal = WTERMSIG(status);
   return result;
@@ -51,14 +49,9 @@ ChildResult RunInChild(const std::function<int()>& body) { return WaitChild(Star
 
 ChildResult RunUnprivileged(const std::function<int()>& body, bool keepSavedRoot) {
   return RunInChild([&]() -> int {
-    const uid_t nobody = 65534;
-    if (keepSavedRoot) {
-      if (setresgid(-1, nobody, 0) != 0 || setresuid(-1, nobody, 0) != 0) return 98;
-    } else {
-      if (setresgid(nobody, nobody, nobody) != 0 || setresuid(nobody, nobody, nobody) != 0) {
-        return 98;
-      }
-    }
+    const uid_t nobody = 65534, saved = keepSavedRoot ? 0 : nobody,
+                real = keepSavedRoot ? static_cast<uid_t>(-1) : nobody;
+    if (setresgid(real, nobody, saved) != 0 || setresuid(real, nobody, saved) != 0) return 98;
     return body();
   });
 }

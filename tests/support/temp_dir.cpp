@@ -32,9 +32,7 @@ TempDir::~TempDir() { nftw(path_.c_str(), RemoveEntry, 16, FTW_DEPTH | FTW_PHYS)
 std::string TempDir::File(const std::string& name) const { return path_ + "/" + name; }
 
 bool WriteText(const std::string& path, const std::string& text) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out << text;
-  return static_cast<bool>(out);
+  return static_cast<bool>(std::ofstream(path, std::ios::binary | std::ios::trunc) << text);
 }
 
 std::string ReadText(const std::string& path) {
