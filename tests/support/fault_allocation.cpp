@@ -1,5 +1,4 @@
-// Global allocation functions for the executables that link the fault harness: a large
-// allocation is a call the harness counts and can fail.
+// A large allocation is a call the fault harness counts and can fail.
 #include <cstdlib>
 #include <new>
 

@@ -1,6 +1,5 @@
-// The wrappers must define the plain and the 64-bit entry points as separate
-// symbols (the library may bind to either), and fortified inline versions
-// would clash with the definitions: declare them as the C library's base ABI does.
+// Plain and 64-bit entry points are separate symbols (the library may bind to either), and
+// fortified inline versions would clash: declare them as the C library's base ABI does.
 #undef _FORTIFY_SOURCE
 #undef _TIME_BITS
 #undef _FILE_OFFSET_BITS
@@ -50,7 +49,6 @@ bool Inject(Call call) {
   return true;
 }
 
-// Returns `result` after showing it to the observer of `call`, if any.
 template <typename T>
 T Observed(Call call, T result) {
   State& s = Current();
@@ -96,12 +94,11 @@ bool Fired() { return Current().fired; }
 bool FiredOn(Call call) { return Current().fired && Current().call == call; }
 const std::vector<unsigned>& Sleeps() { return Current().sleeps; }
 
+int Steps() { return Current().steps; }
 void Observe(Call call, std::function<void(long)> observer) {
   Current().observed = call;
   Current().observer = std::move(observer);
 }
-int Steps() { return Current().steps; }
-
 void FailStep(int nth, int result) {
   Current().steps = 0;
   Current().stepNth = nth;
@@ -127,7 +124,6 @@ mode_t ModeArgument(int flags, va_list ap) {
 }  // namespace
 
 #define VANTDR_NEXT(name) static const auto next = Next(&::name, #name)
-// A wrapper that fails with `failed` when its call is the one to fail.
 #define VANTDR_FAIL(type, name, kind, failed, params, args, except) \
   type name params except {                                         \
     if (Inject(kind)) return failed;                                \
