@@ -47,8 +47,7 @@ struct WalkCache : Cache {
   bool GetUpdatedData(Json::Value& data) const override {
     char c;
     if (gate != nullptr) close(gate[1]);
-    while (gate != nullptr && read(gate[0], &c, 1) > 0) {
-    }
+    while (gate != nullptr && read(gate[0], &c, 1) > 0) continue;
     data = Doc(2);
     return true;
   }
@@ -164,11 +163,10 @@ struct Home {
   explicit Home(const std::string& dir) : dir(dir) {}
   const std::string dir;
   std::string File(const std::string& name) const { return dir + "/" + name; }
-  int fd = -1;
+  int fd = -1, count = 0;
+  bool held = false;
   Json::Value value;
   std::map<std::string, int> map;
-  int count = 0;
-  bool held = false;
   int pipes[4] = {-1, -1, -1, -1};  // quiet, gate
   std::vector<SqliteValueList> rows;
 };
@@ -191,9 +189,7 @@ std::vector<Operation> FileOperations(Home& h) {
     if (access(twin.c_str(), F_OK) != 0) (void)!::link(target.c_str(), twin.c_str());
   };
   // No result shows it: a replacement syncs file and directory, writing in place the file once.
-  auto synced = [](bool clean, int syncs) {
-    return !clean || Faults::Count(Faults::kFsync) == syncs;
-  };
+  auto synced = [](bool clean, int n) { return !clean || Faults::Count(Faults::kFsync) == n; };
   auto inPlace = [=](const std::string& path) {
     return [=](bool ok, bool clean) {
       struct stat st;
@@ -266,8 +262,7 @@ std::vector<Operation> LockAndCacheOperations(Home& h, const std::string& name) 
   const std::string lockPath = FileLock::getLockFilePath(name), home = h.dir;
   const std::string cachePath = h.File("walk.cached"), pidPath = cachePath + ".pid";
   // `quiet` ends when the forked updater does; it fetches once `gate` is closed.
-  int* const quiet = h.pipes;
-  int* const gate = h.pipes + 2;
+  int *const quiet = h.pipes, *const gate = h.pipes + 2;
   return {
       {"FileLock lock/unlock", [&h] { h.held = true; },
        [=, &h] {
@@ -281,8 +276,7 @@ std::vector<Operation> LockAndCacheOperations(Home& h, const std::string& name) 
       {"Cache::UpdateWithData", [=] { StaleCache(home); },
        [=] { return WalkCache(home, false).UpdateWithData(Doc(2)); },
        [=](bool ok, bool) { return CachedData(cachePath) == Doc(ok ? 2 : 1); }, 2},
-      // A failed look at the pid file means waiting for "another" updater; only a failed unlink
-      // keeps it.
+      // A failed look at the pid file waits for "another" updater; a failed unlink keeps it.
       {"Cache::Update in place", [=] { StaleCache(home); },
        [=] { return WalkCache(home, true).Update(); },
        [=](bool, bool clean) {
@@ -308,7 +302,6 @@ std::vector<Operation> LockAndCacheOperations(Home& h, const std::string& name) 
          close(quiet[0]);
          close(gate[0]);
          const Json::Value data = CachedData(cachePath);
-         // A cache file that cannot be read serves the default.
          return finished && access(pidPath.c_str(), F_OK) != 0 &&
                 (h.value == Doc(1) || (h.value.isNull() && (Faults::FiredOn(Faults::kOpen) ||
                                                             Faults::FiredOn(Faults::kRead)))) &&
@@ -399,14 +392,12 @@ class FaultWalk : public ::testing::Test {
 TEST_F(FaultWalk, FilesLocksCachesAndDatabases) {
   if (geteuid() != 0) GTEST_SKIP() << "the lock directory and the cache need root";
   Walker walker(dir.path());
+  const std::vector<Faults::Call> calls = {
+      Faults::kOpen,   Faults::kRead,   Faults::kWrite, Faults::kFsync, Faults::kClose,
+      Faults::kRename, Faults::kUnlink, Faults::kFlock, Faults::kFork,  Faults::kPipe2};
   for (const auto& ops :
-       {FileOperations(home), LockAndCacheOperations(home, lock), SqliteOperations(home)}) {
-    for (const Operation& op : ops) {
-      walker.Walk(
-          op, {Faults::kOpen, Faults::kRead, Faults::kWrite, Faults::kFsync, Faults::kClose,
-               Faults::kRename, Faults::kUnlink, Faults::kFlock, Faults::kFork, Faults::kPipe2});
-    }
-  }
+       {FileOperations(home), LockAndCacheOperations(home, lock), SqliteOperations(home)})
+    for (const Operation& op : ops) walker.Walk(op, calls);
   walker.Report();
 }
 
@@ -451,9 +442,8 @@ TEST(Interrupted, ReadsAndWritesAreMadeAgain) {
   };
   for (const auto& row : rows) {
     Faults::Arm(row.call, 1, EINTR);
-    const bool ok = row.run();
+    EXPECT_TRUE(row.run() && Faults::Fired()) << row.name;
     Faults::Disarm();
-    EXPECT_TRUE(ok && Faults::Fired()) << row.name;
   }
   EXPECT_EQ(ReadDoc(doc), Doc(2));
 }

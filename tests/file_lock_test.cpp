@@ -24,8 +24,8 @@ TEST(FileLock, LockFileStateAndMode) {
   struct stat st;
   EXPECT_TRUE(stat(path.c_str(), &st) == 0 && (st.st_mode & 07777) == 01200u);  // 01204 less umask
   EXPECT_FALSE(rival.tryLock(kExclusive));  // separate open files exclude each other
-  EXPECT_TRUE(holder.setLockFile(name) && !holder.setLockFile("other"));
-  EXPECT_EQ(holder.getLockFile(), path);
+  EXPECT_TRUE(holder.setLockFile(name) && !holder.setLockFile("other") &&
+              holder.getLockFile() == path);
   holder.unlock();
   EXPECT_TRUE(rival.tryLock(kExclusive));
   EXPECT_TRUE(holder.lock(kExclusive, 0));  // tryLock left it free

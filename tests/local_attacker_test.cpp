@@ -20,10 +20,8 @@ const uid_t kAttacker = 65534;
 const std::string kSecret = R"({"cached_data":{"v":666}})";
 const char* const kSecretPath = "/tmp/rootdir/secret";
 
-#define CHECK_OR(code, cond)  \
-  do {                        \
-    if (!(cond)) return code; \
-  } while (0)
+#define CHECK_OR(code, cond) \
+  if (!(cond)) return code
 
 void OnPrivateTmp(const std::function<int()>& body) {
   VANTDR_ON_PRIVATE_TMPFS(code, 1 << 20, [&](const std::string&) {
@@ -200,10 +198,8 @@ TEST(LocalAttacker, LockDirectoryOfAnotherUserIsRefused) {
                       symlink("/tmp/rootdir/created", "/tmp/.vantdr_lock/link");
              }));
     LogCapture log;
-    for (const char* name : {"fifo", "link", "new"}) {
-      FileLock lock(name);
-      CHECK_OR(3, !lock.lock(LOCK_EX | LOCK_NB, 0));
-    }
+    for (const char* name : {"fifo", "link", "new"})
+      CHECK_OR(3, !FileLock(name).lock(LOCK_EX | LOCK_NB, 0));
     CHECK_OR(4, access("/tmp/rootdir/created", F_OK) != 0 && Untouched());
     CHECK_OR(5, log.Count("Failed to open lock file[/tmp/.vantdr_lock/new], errno=Permission "
                           "denied") == 1);

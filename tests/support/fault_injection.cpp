@@ -80,8 +80,7 @@ const std::vector<int>& Errnos() {
 const char* ErrnoName(int error) { return strerrorname_np(error); }
 
 void Arm(Call call, int nth, int error) {
-  State& s = Current();
-  s = State();
+  State& s = Current() = State();
   s.call = call;
   s.nth = nth;
   s.error = error;
