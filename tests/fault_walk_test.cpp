@@ -182,8 +182,7 @@ std::vector<Operation> FileOperations(Home& h) {
     return open != opened;
   };
   auto writes = [](const std::string& path) { return [=] { return File::Write(path, Doc(2)); }; };
-  // Written in place through links; a failed open keeps the old document.
-  auto linked = [=] {
+  auto linked = [=] {  // written in place through links; a failed open keeps the old document
     File::Write(target, Doc(1));
     if (access(link.c_str(), F_OK) != 0) (void)!symlink("target.json", link.c_str());
     if (access(twin.c_str(), F_OK) != 0) (void)!::link(target.c_str(), twin.c_str());
@@ -218,8 +217,7 @@ std::vector<Operation> FileOperations(Home& h) {
        },
        [=, &h] { return File::Read(doc, h.value); },
        [=, &h](bool ok, bool) { return (!ok || h.value == Doc(1)) && ReadDoc(doc) == Doc(1); }},
-      // In place by contract: only a success promises the document.
-      {"File::Write(fd)",
+      {"File::Write(fd)",  // in place by contract: only a success promises the document
        [=, &h] {
          File::Write(doc, Doc(1));
          h.fd = open(doc.c_str(), O_WRONLY | O_TRUNC);
@@ -368,8 +366,7 @@ std::vector<Operation> SqliteOperations(Home& h) {
   };
 }
 
-// In memory when /dev/shm allows: the walk syncs thousands of files.
-struct WalkDir : TempDir {
+struct WalkDir : TempDir {  // in memory when /dev/shm allows: the walk syncs thousands of files
   WalkDir() : TempDir("/dev/shm") {}
   ~WalkDir() {
     std::error_code ignored;

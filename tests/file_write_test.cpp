@@ -125,8 +125,7 @@ TEST_F(FileWriteTest, OtherUsersAndSharedGroupsFiles) {
             0);
   EXPECT_TRUE(ReadText(roots) == "old" && ReadText(readOnly) == "old" && Lstat(roots).st_uid == 0);
   EXPECT_EQ(Entries(sub), (Names{"roots", "read_only"}));
-  // A group member writes in place where it could replace the file.
-  const gid_t team = 4321;
+  const gid_t team = 4321;  // a member writes in place where it could replace the file
   ASSERT_EQ(chmod(dir.path().c_str(), 0777), 0);
   const std::string shared = dir.File("shared");
   ASSERT_TRUE(WriteText(shared, "old") &&
@@ -215,8 +214,7 @@ TEST_F(FileWriteTest, KilledWritersLeaveNoTemporaryFile) {
   const Json::Value first = Doc(0, 1000), a = Doc(1, 300 * 1024), b = Doc(2, 300 * 1024);
   const Names whole = {JsonToString(first), JsonToString(a), JsonToString(b)};
   ASSERT_TRUE(File::Write(path, first));
-  // Left by a live process (init): kept.
-  const std::string live = ".vantdr-tmp.1.0123456789abcdef";
+  const std::string live = ".vantdr-tmp.1.0123456789abcdef";  // init's: alive, kept
   ASSERT_TRUE(WriteText(dir.File(live), "keep"));
   const unsigned seed = std::random_device{}();
   SCOPED_TRACE("seed " + std::to_string(seed));

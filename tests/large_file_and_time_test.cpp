@@ -42,7 +42,6 @@ TEST_F(Year2040, CacheFileIsJudgedByItsRealAge) {
   EXPECT_EQ(TestCache(dir.path()).GetCachedData(), Data(7));
 }
 
-// No public header (comments aside) names a type whose width follows _FILE_OFFSET_BITS/_TIME_BITS.
 TEST(PublicInterface, SharesOneAbiWhateverTheCallersFlags) {
   const std::regex widthFollowsFlags(
       R"(\b(time_t|off_t|off64_t|ino_t|blkcnt_t|fsblkcnt_t|fsfilcnt_t|suseconds_t)\b|)"

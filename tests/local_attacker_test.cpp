@@ -212,8 +212,7 @@ TEST(LocalAttacker, LockDirectoryOfAnotherUserIsRefused) {
       CHECK_OR(8, stat(dir, &st) == 0 && (st.st_mode & 022) == 0);
     }
     CHECK_OR(9, (fcntl(deep->getFd(), F_GETFD) & FD_CLOEXEC) != 0);
-    // Emulation runs programs its own way.
-    if (getenv("VANTDR_EMULATED") != nullptr) return 0;
+    if (getenv("VANTDR_EMULATED") != nullptr) return 0;  // emulation runs programs its own way
     pid_t program;
     char* const argv[] = {const_cast<char*>("sleep"), const_cast<char*>("5"), nullptr};
     CHECK_OR(10, posix_spawn(&program, "/bin/sleep", nullptr, nullptr, argv, environ) == 0);

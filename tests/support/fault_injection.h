@@ -32,15 +32,13 @@ const char* Name(Call call);
 const char* ErrnoName(int error);
 const std::vector<int>& Errnos();  // those every call is failed with
 
-// Starts counting calls (counts reset). With `nth` > 0 the nth call of `call` fails with `error`
-// instead of running. Children forked while armed start disarmed.
+// Counts anew; nth > 0 fails the nth `call` with `error`. Forked children start disarmed.
 void Arm(Call call = kOpen, int nth = 0, int error = 0);
 void Disarm();  // counts stay readable
 int Count(Call call);
 bool Fired();             // the armed fault was injected
 bool FiredOn(Call call);  // ... into a call of `call`
-// Runs `observer` disarmed after each unfailed call of `call` with its result (-1 for a failure,
-// 0 for a FILE*), to look at or change the world between two calls. Arm clears it.
+// observer(result; FILE*: 0, failure: -1), disarmed, after each unfailed `call`. Arm clears it.
 void Observe(Call call, std::function<void(long result)> observer);
 const std::vector<unsigned>& Sleeps();  // usleep's arguments since Arm; never failed
 

@@ -6,8 +6,7 @@
 
 namespace VantDRTest {
 
-// body(dir) in a child whose private mount namespace has a tmpfs of `bytes` at dir; its exit code
-// (-1: killed). When the kernel refuses, `body` does not run and `refused` says why.
+// body(dir) in a child with a private tmpfs of `bytes` at dir: its exit code, or why `refused`.
 int RunOnPrivateTmpfs(std::size_t bytes, const std::function<int(const std::string& dir)>& body,
                       std::string& refused);
 
