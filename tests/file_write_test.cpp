@@ -57,21 +57,20 @@ class FileWriteTest : public ::testing::Test {
 
 TEST_F(FileWriteTest, LinksAreWrittenThroughAndKept) {
   const std::string target = dir.File("target");
-  ASSERT_TRUE(WriteText(target, "old"));
-  ASSERT_EQ(symlink("target", dir.File("inner").c_str()), 0);
-  ASSERT_EQ(symlink(dir.File("inner").c_str(), dir.File("outer").c_str()), 0);
-  ASSERT_TRUE(File::Write(dir.File("outer"), Doc(2)));
+  ASSERT_TRUE(WriteText(target, "old") && symlink("target", dir.File("inner").c_str()) == 0 &&
+              symlink(dir.File("inner").c_str(), dir.File("outer").c_str()) == 0 &&
+              File::Write(dir.File("outer"), Doc(2)));
   EXPECT_TRUE(Holds(target, Doc(2)) && S_ISLNK(Lstat(dir.File("outer")).st_mode));
   EXPECT_EQ(std::filesystem::read_symlink(dir.File("inner")), "target");
-  ASSERT_EQ(symlink("created", dir.File("dangling").c_str()), 0);
-  ASSERT_TRUE(File::Write(dir.File("dangling"), Doc(3)));
+  ASSERT_TRUE(symlink("created", dir.File("dangling").c_str()) == 0 &&
+              File::Write(dir.File("dangling"), Doc(3)));
   EXPECT_TRUE(S_ISLNK(Lstat(dir.File("dangling")).st_mode) && Holds(dir.File("created"), Doc(3)));
   const ino_t before = Lstat(target).st_ino;
   ASSERT_TRUE(File::Write(target, Doc(1)));
   EXPECT_TRUE(Lstat(target).st_ino != before && Holds(target, Doc(1)));
-  ASSERT_EQ(link(target.c_str(), dir.File("second").c_str()), 0);
   const ino_t shared = Lstat(target).st_ino;
-  ASSERT_TRUE(File::Write(dir.File("second"), Doc(4)));
+  ASSERT_TRUE(link(target.c_str(), dir.File("second").c_str()) == 0 &&
+              File::Write(dir.File("second"), Doc(4)));
   EXPECT_TRUE(Holds(target, Doc(4)) && Lstat(target).st_ino == shared &&
               Lstat(dir.File("second")).st_ino == shared);
   EXPECT_EQ(Entries(dir.path()),
@@ -139,8 +138,7 @@ TEST_F(FileWriteTest, OtherUsersAndSharedGroupsFiles) {
             0);
   EXPECT_TRUE(Holds(shared, Doc(1)) && Lstat(shared).st_ino == sharedInode);
   // Root can give a replacement the same owner, group and mode, so it does.
-  ASSERT_EQ(chmod(shared.c_str(), 02660), 0);
-  ASSERT_TRUE(File::Write(shared, Doc(2)));
+  ASSERT_TRUE(chmod(shared.c_str(), 02660) == 0 && File::Write(shared, Doc(2)));
   const struct stat st = Lstat(shared);
   EXPECT_TRUE(Holds(shared, Doc(2)) && st.st_uid == 0u && st.st_gid == team &&
               (st.st_mode & 07777) == 02660u);
@@ -166,16 +164,16 @@ TEST_F(FileWriteTest, ExtendedAttributesAndAclsAreKept) {
     ASSERT_TRUE(File::Write(path, Doc(1)));
     EXPECT_TRUE(Holds(path, Doc(1)) && Lstat(path).st_mode == mode);
     char back[sizeof acl] = {};
-    EXPECT_EQ(getxattr(path.c_str(), row.attribute, back, sizeof back),
-              static_cast<ssize_t>(row.size));
-    EXPECT_EQ(memcmp(back, row.value, row.size), 0) << row.attribute;
+    EXPECT_TRUE(getxattr(path.c_str(), row.attribute, back, sizeof back) == ssize_t(row.size) &&
+                memcmp(back, row.value, row.size) == 0)
+        << row.attribute;
   }
 }
 
 TEST_F(FileWriteTest, AnyNameFopenAcceptsWorks) {
   const std::string longest = dir.File(std::string(255, 'n'));
-  ASSERT_TRUE(File::Write(longest, Doc(1)) && File::Write(longest, Doc(2)));
-  EXPECT_TRUE(Holds(longest, Doc(2)));
+  ASSERT_TRUE(File::Write(longest, Doc(1)) && File::Write(longest, Doc(2)) &&
+              Holds(longest, Doc(2)));
   EXPECT_EQ(Entries(dir.path()), Names{std::string(255, 'n')});
   Lines expected;
   for (const std::string& path : {longest + "n", dir.path(), longest + "/x"}) {

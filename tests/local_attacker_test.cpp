@@ -86,9 +86,9 @@ TEST(LocalAttacker, ExchangedDirectoryNeverHandsARootFileOver) {
       WaitChild(swapper);
       CHECK_OR(failed, failed == 0);
       // A plain write follows the link as fopen would; the cache never does.
-      CHECK_OR(5, wrote > 0);
-      CHECK_OR(6, log.Count("Refused [" + cache.GetCachePath() +
-                            "]: a link, special file or file of another user") == 20000);
+      CHECK_OR(6,
+               wrote > 0 && log.Count("Refused [" + cache.GetCachePath() +
+                                      "]: a link, special file or file of another user") == 20000);
       return 0;
     });
   }
@@ -117,8 +117,8 @@ TEST(LocalAttacker, TemporaryNamesCannotBeOccupiedAndCleanUpIsBounded) {
                return 0;
              }));
     kill(victim, SIGCONT);
-    CHECK_OR(3, WaitChild(victim).exitCode == 0);
-    CHECK_OR(4, Untouched("/tmp/.vantdr-tmp." + std::to_string(victim) + ".7", "x", kAttacker));
+    CHECK_OR(4, WaitChild(victim).exitCode == 0 &&
+                    Untouched("/tmp/.vantdr-tmp." + std::to_string(victim) + ".7", "x", kAttacker));
     // Leftovers of a dead writer: each replacement removes a few, never all at once.
     mkdir("/tmp/many", 0755);
     for (int n = 0; n < 3000; ++n) {
@@ -200,9 +200,9 @@ TEST(LocalAttacker, LockDirectoryOfAnotherUserIsRefused) {
     LogCapture log;
     for (const char* name : {"fifo", "link", "new"})
       CHECK_OR(3, !FileLock(name).lock(LOCK_EX | LOCK_NB, 0));
-    CHECK_OR(4, access("/tmp/rootdir/created", F_OK) != 0 && Untouched());
-    CHECK_OR(5, log.Count("Failed to open lock file[/tmp/.vantdr_lock/new], errno=Permission "
-                          "denied") == 1);
+    CHECK_OR(5, access("/tmp/rootdir/created", F_OK) != 0 && Untouched() &&
+                    log.Count("Failed to open lock file[/tmp/.vantdr_lock/new], errno=Permission "
+                              "denied") == 1);
     CHECK_OR(6, system("rm -rf /tmp/.vantdr_lock") == 0);
     umask(0);  // careless: root's own lock directories must still be closed to others
     auto deep = std::make_unique<FileLock>("a/b/lock");

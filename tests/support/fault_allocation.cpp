@@ -25,7 +25,6 @@ void* OrThrow(void* p) { return p != nullptr ? p : throw std::bad_alloc(); }
 }  // namespace
 
 void VantDRTest::Faults::FailAllocation(size_t bytes, int nth) {
-  g_bytes = 0;
   g_count = 0;
   g_nth = nth;
   g_bytes = bytes;

@@ -55,11 +55,10 @@ T Observed(Call call, T result) {
   if (!s.armed || call != s.observed || !s.observer) return result;
   const int saved = errno;
   s.armed = false;
-  if constexpr (std::is_pointer<T>::value) {
+  if constexpr (std::is_pointer<T>::value)
     s.observer(result == nullptr ? -1 : 0);
-  } else {
+  else
     s.observer(static_cast<long>(result));
-  }
   s.armed = true;
   errno = saved;
   return result;
