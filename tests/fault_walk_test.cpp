@@ -39,8 +39,7 @@ bool LockedElsewhere(const std::string& path) {
   return locked;
 }
 
-// Fetches Doc(2); with a gate (a pipe) the fetch waits for its end of file.
-struct WalkCache : Cache {
+struct WalkCache : Cache {  // with a gate (a pipe) the fetch waits for its end of file
   WalkCache(const std::string& dir, bool required, const int* gate = nullptr)
       : Cache(dir, "walk", 100, required, -1), gate(gate) {}
   Json::Value GetCacheInfo() const override { return "walk"; }
@@ -327,8 +326,7 @@ InsertCommand Row(int id) {
   return insert;
 }
 
-// Counted by another connection, which rolls back what a failed write left.
-int RowsIn(const std::string& path) {
+int RowsIn(const std::string& path) {  // another connection rolls back a failed write's rest
   int count = -1;
   return SqliteDB(path, 0, "walk").GetCount(kRows, count) ? count : -1;
 }
