@@ -1,5 +1,4 @@
-// Each file/process operation run once per system call it makes, that call failing with each
-// errno walked (one per call; VANTDR_FAULTS=full: all).
+// Each operation failing in each of its system calls in turn (VANTDR_FAULTS=full: every errno).
 #include <poll.h>
 #include <sys/syscall.h>
 
@@ -26,13 +25,12 @@ Json::Value ReadDoc(const std::string& path) {
   return JsonFromString(doc, ReadText(path)) ? doc : Json::Value("unreadable");
 }
 
-// The data in a cache file, or "unreadable" for a torn or missing document.
 Json::Value CachedData(const std::string& path) {
   const Json::Value doc = ReadDoc(path);
   return doc.isObject() && doc.isMember("cached_data") ? doc["cached_data"] : "unreadable";
 }
 
-// Observes a lock without the interposed calls: true when `path` is locked.
+// Without the interposed calls, which would count and fail.
 bool LockedElsewhere(const std::string& path) {
   const int fd = static_cast<int>(syscall(SYS_openat, AT_FDCWD, path.c_str(), O_RDONLY));
   if (fd < 0) return false;
@@ -41,16 +39,14 @@ bool LockedElsewhere(const std::string& path) {
   return locked;
 }
 
-// Fetches Doc(2); with a gate (a pipe) the fetch waits for its end of file.
-struct WalkCache : Cache {
+struct WalkCache : Cache {  // with a gate (a pipe) the fetch waits for its end of file
   WalkCache(const std::string& dir, bool required, const int* gate = nullptr)
       : Cache(dir, "walk", 100, required, -1), gate(gate) {}
   Json::Value GetCacheInfo() const override { return "walk"; }
   bool GetUpdatedData(Json::Value& data) const override {
     char c;
     if (gate != nullptr) close(gate[1]);
-    while (gate != nullptr && read(gate[0], &c, 1) > 0) {
-    }
+    while (gate != nullptr && read(gate[0], &c, 1) > 0) continue;
     data = Doc(2);
     return true;
   }
@@ -72,9 +68,8 @@ struct Operation {
   std::string name;
   std::function<void()> setup;  // runs without faults, before the descriptor count
   std::function<bool()> run;    // under the fault; true for the success result
-  // After `run`, without faults: whether result and files are right (`clean`: no fault).
-  std::function<bool(bool ok, bool clean)> check;
-  int extraLines = 1;         // log lines a failure may add to a clean run's
+  std::function<bool(bool ok, bool clean)> check;  // result and files right (clean: no fault)
+  int extraLines = 1;                              // log lines a failure may add to a clean run's
   const char* leftover = "";  // the prefix of names a failure may add to the directory
   bool leftByUnlink = false;  // ... only when the failed call is an unlink
 };
@@ -83,7 +78,6 @@ class Walker {
  public:
   explicit Walker(const std::string& dir) : dir_(dir) {}
 
-  // Runs `op` once per call of each kind in `calls` its fault-free run makes, that call failing.
   void Walk(const Operation& op, const std::vector<Faults::Call>& calls) {
     op.setup();  // a first run makes what persists between runs (the lock directory)
     op.check(op.run(), true);
@@ -164,16 +158,14 @@ class Walker {
   std::string dir_;
 };
 
-// What the operations of one walk share; it outlives them.
 struct Home {
   explicit Home(const std::string& dir) : dir(dir) {}
   const std::string dir;
   std::string File(const std::string& name) const { return dir + "/" + name; }
-  int fd = -1;
+  int fd = -1, count = 0;
+  bool held = false;
   Json::Value value;
   std::map<std::string, int> map;
-  int count = 0;
-  bool held = false;
   int pipes[4] = {-1, -1, -1, -1};  // quiet, gate
   std::vector<SqliteValueList> rows;
 };
@@ -189,17 +181,13 @@ std::vector<Operation> FileOperations(Home& h) {
     return open != opened;
   };
   auto writes = [](const std::string& path) { return [=] { return File::Write(path, Doc(2)); }; };
-  // Written in place through links; a failed open keeps the old document.
-  auto linked = [=] {
+  auto linked = [=] {  // written in place through links; a failed open keeps the old document
     File::Write(target, Doc(1));
     if (access(link.c_str(), F_OK) != 0) (void)!symlink("target.json", link.c_str());
     if (access(twin.c_str(), F_OK) != 0) (void)!::link(target.c_str(), twin.c_str());
   };
-  // What no result shows: a replacement syncs the new file, then its directory; writing in place
-  // syncs the file once.
-  auto synced = [](bool clean, int syncs) {
-    return !clean || Faults::Count(Faults::kFsync) == syncs;
-  };
+  // No result shows it: a replacement syncs file and directory, writing in place the file once.
+  auto synced = [](bool clean, int n) { return !clean || Faults::Count(Faults::kFsync) == n; };
   auto inPlace = [=](const std::string& path) {
     return [=](bool ok, bool clean) {
       struct stat st;
@@ -228,8 +216,7 @@ std::vector<Operation> FileOperations(Home& h) {
        },
        [=, &h] { return File::Read(doc, h.value); },
        [=, &h](bool ok, bool) { return (!ok || h.value == Doc(1)) && ReadDoc(doc) == Doc(1); }},
-      // In place by contract: only a success promises the document.
-      {"File::Write(fd)",
+      {"File::Write(fd)",  // in place by contract: only a success promises the document
        [=, &h] {
          File::Write(doc, Doc(1));
          h.fd = open(doc.c_str(), O_WRONLY | O_TRUNC);
@@ -272,8 +259,7 @@ std::vector<Operation> LockAndCacheOperations(Home& h, const std::string& name) 
   const std::string lockPath = FileLock::getLockFilePath(name), home = h.dir;
   const std::string cachePath = h.File("walk.cached"), pidPath = cachePath + ".pid";
   // `quiet` ends when the forked updater does; it fetches once `gate` is closed.
-  int* const quiet = h.pipes;
-  int* const gate = h.pipes + 2;
+  int *const quiet = h.pipes, *const gate = h.pipes + 2;
   return {
       {"FileLock lock/unlock", [&h] { h.held = true; },
        [=, &h] {
@@ -283,13 +269,11 @@ std::vector<Operation> LockAndCacheOperations(Home& h, const std::string& name) 
          lock.unlock();
          return locked;
        },
-       // Held while lock() said so, and not after the FileLock is gone.
        [=, &h](bool, bool) { return h.held && !LockedElsewhere(lockPath); }, 2},
       {"Cache::UpdateWithData", [=] { StaleCache(home); },
        [=] { return WalkCache(home, false).UpdateWithData(Doc(2)); },
        [=](bool ok, bool) { return CachedData(cachePath) == Doc(ok ? 2 : 1); }, 2},
-      // A failed look at the pid file means waiting for "another" updater; the pid file stays,
-      // naming this live process, only when its unlink failed.
+      // A failed look at the pid file waits for "another" updater; a failed unlink keeps it.
       {"Cache::Update in place", [=] { StaleCache(home); },
        [=] { return WalkCache(home, true).Update(); },
        [=](bool, bool clean) {
@@ -315,7 +299,6 @@ std::vector<Operation> LockAndCacheOperations(Home& h, const std::string& name) 
          close(quiet[0]);
          close(gate[0]);
          const Json::Value data = CachedData(cachePath);
-         // A cache file that cannot be read serves the default.
          return finished && access(pidPath.c_str(), F_OK) != 0 &&
                 (h.value == Doc(1) || (h.value.isNull() && (Faults::FiredOn(Faults::kOpen) ||
                                                             Faults::FiredOn(Faults::kRead)))) &&
@@ -343,8 +326,7 @@ InsertCommand Row(int id) {
   return insert;
 }
 
-// Counted by another connection, which rolls back what a failed write left.
-int RowsIn(const std::string& path) {
+int RowsIn(const std::string& path) {  // another connection rolls back a failed write's rest
   int count = -1;
   return SqliteDB(path, 0, "walk").GetCount(kRows, count) ? count : -1;
 }
@@ -369,9 +351,7 @@ std::vector<Operation> SqliteOperations(Home& h) {
          return SqliteDB(path, 0, "walk").SelectRecords(select, h.rows);
        },
        [=, &h](bool ok, bool) { return (!ok || h.rows.size() == 2) && RowsIn(path) == 2; }, 3},
-      // A backup is always whole: the previous one (a single row) or the new one, which only a
-      // failed sync of the directory after the swap reports with false. A failed removal leaves
-      // the private directory of the copy, for a later backup once this process is gone.
+      // Always whole, old or new; a failed removal leaves the copy's directory for a later backup.
       {"SqliteDB::Backup",
        [=] {
          seed();
@@ -384,8 +364,7 @@ std::vector<Operation> SqliteOperations(Home& h) {
   };
 }
 
-// In memory when /dev/shm allows: the walk syncs thousands of files.
-struct WalkDir : TempDir {
+struct WalkDir : TempDir {  // in memory when /dev/shm allows: the walk syncs thousands of files
   WalkDir() : TempDir("/dev/shm") {}
   ~WalkDir() {
     std::error_code ignored;
@@ -408,28 +387,23 @@ class FaultWalk : public ::testing::Test {
 TEST_F(FaultWalk, FilesLocksCachesAndDatabases) {
   if (geteuid() != 0) GTEST_SKIP() << "the lock directory and the cache need root";
   Walker walker(dir.path());
+  const std::vector<Faults::Call> calls = {
+      Faults::kOpen,   Faults::kRead,   Faults::kWrite, Faults::kFsync, Faults::kClose,
+      Faults::kRename, Faults::kUnlink, Faults::kFlock, Faults::kFork,  Faults::kPipe2};
   for (const auto& ops :
-       {FileOperations(home), LockAndCacheOperations(home, lock), SqliteOperations(home)}) {
-    for (const Operation& op : ops) {
-      walker.Walk(
-          op, {Faults::kOpen, Faults::kRead, Faults::kWrite, Faults::kFsync, Faults::kClose,
-               Faults::kRename, Faults::kUnlink, Faults::kFlock, Faults::kFork, Faults::kPipe2});
-    }
-  }
+       {FileOperations(home), LockAndCacheOperations(home, lock), SqliteOperations(home)})
+    for (const Operation& op : ops) walker.Walk(op, calls);
   walker.Report();
 }
 
-// The privileged raise and restore failed, in a process not effectively root.
 TEST_F(FaultWalk, PrivilegedSectionsOfAnotherUser) {
   if (geteuid() != 0) GTEST_SKIP() << "switching users needs root";
   chmod(dir.path().c_str(), 0777);
   const ChildResult child = RunUnprivileged([&] {
     Walker walker(dir.path());
-    // CreateDir, lock, cache write
     for (Operation op : {FileOperations(home)[8], LockAndCacheOperations(home, lock)[0],
                          LockAndCacheOperations(home, lock)[1]}) {
-      // A failed raise runs the operation with the caller's ids and logs two lines; a failed
-      // restore leaves root, which the next case undoes.
+      // A failed raise runs with the caller's ids (two lines); a failed restore stays root.
       op.extraLines += 4;
       op.setup = [setup = op.setup] {
         if (setresuid(-1, 0, -1) != 0 || setresgid(-1, 0, -1) != 0) _exit(97);
@@ -444,7 +418,6 @@ TEST_F(FaultWalk, PrivilegedSectionsOfAnotherUser) {
   EXPECT_EQ(child.exitCode, 0) << "the child printed its problems";
 }
 
-// EINTR is no failure: the interrupted read or write is made again.
 TEST(Interrupted, ReadsAndWritesAreMadeAgain) {
   WalkDir dir;
   const std::string doc = dir.File("doc.json"), pid = dir.File("pid");
@@ -464,14 +437,12 @@ TEST(Interrupted, ReadsAndWritesAreMadeAgain) {
   };
   for (const auto& row : rows) {
     Faults::Arm(row.call, 1, EINTR);
-    const bool ok = row.run();
+    EXPECT_TRUE(row.run() && Faults::Fired()) << row.name;
     Faults::Disarm();
-    EXPECT_TRUE(ok && Faults::Fired()) << row.name;
   }
   EXPECT_EQ(ReadDoc(doc), Doc(2));
 }
 
-// Each input-sized allocation fails in turn: a result, no throw, old document kept.
 TEST(HugeInput, FailedAllocationsBecomeFailureResults) {
   WalkDir dir;
   const std::string kv = dir.File("kv"), doc = dir.File("doc.json");
@@ -483,8 +454,7 @@ TEST(HugeInput, FailedAllocationsBecomeFailureResults) {
   int count = 0;
   Response response;
   const std::vector<Operation> ops = {
-      // A line that could not be held ends the read, as a failed read does, and is logged as a
-      // parse failure.
+      // A line that could not be held ends the read, as a failed read does.
       {"File::Read<string,string>",
        [&] { WriteText(kv, "a=1\nk=" + huge + "\n" + huge + "\nb=2\n"); },
        [&] { return (count = File::Read(kv, map)) >= 0; },
@@ -499,11 +469,9 @@ TEST(HugeInput, FailedAllocationsBecomeFailureResults) {
       {"File::Write(path)", [&] { File::Write(doc, Doc(1)); },
        [&] { return File::Write(doc, big); },
        [&](bool ok, bool) { return ReadDoc(doc) == (ok ? big : Doc(1)); }},
-      // And the line of the failed write.
       {"Cache::UpdateWithData", [&] { StaleCache(dir.path()); },
        [&] { return WalkCache(dir.path(), false).UpdateWithData(big); },
        [&](bool ok, bool) { return CachedData(cachePath) == (ok ? big : Doc(1)); }, 2},
-      // And the two lines of the failed load.
       {"Cache::GetCachedData", [&] { WalkCache(dir.path(), false).UpdateWithData(big); },
        [&] { return !(served = WalkCache(dir.path(), false).GetCachedData()).isNull(); },
        [&](bool ok, bool) { return !ok || served == big; }, 3},

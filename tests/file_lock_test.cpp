@@ -24,8 +24,8 @@ TEST(FileLock, LockFileStateAndMode) {
   struct stat st;
   EXPECT_TRUE(stat(path.c_str(), &st) == 0 && (st.st_mode & 07777) == 01200u);  // 01204 less umask
   EXPECT_FALSE(rival.tryLock(kExclusive));  // separate open files exclude each other
-  EXPECT_TRUE(holder.setLockFile(name) && !holder.setLockFile("other"));
-  EXPECT_EQ(holder.getLockFile(), path);
+  EXPECT_TRUE(holder.setLockFile(name) && !holder.setLockFile("other") &&
+              holder.getLockFile() == path);
   holder.unlock();
   EXPECT_TRUE(rival.tryLock(kExclusive));
   EXPECT_TRUE(holder.lock(kExclusive, 0));  // tryLock left it free
@@ -47,8 +47,7 @@ TEST(FileLock, PollingMakesTwentyAttemptsASecondPlusOne) {
     EXPECT_EQ(Faults::Count(Faults::kFlock), static_cast<int>(20 * timeout + 1)) << timeout;
     EXPECT_EQ(Faults::Sleeps(), std::vector<unsigned>(20 * timeout, 50000u)) << timeout;
   }
-  // Freed while it waits: a later attempt takes it.
-  std::thread release([&] {
+  std::thread release([&] {  // freed while it waits: a later attempt takes it
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     holder.unlock();
   });
@@ -62,7 +61,6 @@ TEST(FileLock, PollingMakesTwentyAttemptsASecondPlusOne) {
   unlink(FileLock::getLockFilePath(name).c_str());
 }
 
-// unlock skips descriptor 0 (never a lock file in practice), and only 0.
 TEST(FileLock, UnlockSkipsDescriptorZeroOnly) {
   if (geteuid() != 0) GTEST_SKIP();
   const std::string name = UniqueName("lock_fd");

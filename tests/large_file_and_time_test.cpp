@@ -12,13 +12,10 @@ TEST(LargeFile, SparseDatabaseOf3GiBIsFoundReadAndWritten) {
   TempDir dir;
   const std::string path = dir.File("big.db");
   ASSERT_TRUE(SqliteDB(path, 0, "big").InsertRecords(Jobs(1, 3)));
-  // SQLite reads the size from the header and ignores the zeros after it.
   ASSERT_EQ(truncate(path.c_str(), static_cast<off_t>(k3GiB)), 0);
   EXPECT_TRUE(VLIBCFileExist(path.c_str()) == 1 && VLIBCFileCheckDir(path.c_str()) == 0);
-  if (sizeof(size_t) == 4) {  // natively it would be read, 3 GiB of zeros
-    Json::Value text = "left";
-    EXPECT_TRUE(!JsonFromFile(text, path) && text.isNull());  // more than a string holds: no throw
-  }
+  Json::Value text = "left";  // natively it would be read, 3 GiB of zeros
+  if (sizeof(size_t) == 4) EXPECT_TRUE(!JsonFromFile(text, path) && text.isNull());
   SqliteDB db(path, 0, "big");
   std::vector<SqliteValueList> rows;
   EXPECT_TRUE(db.IsExisted() && db.SelectRecords(AllJobs(SqliteLess("id", 3)), rows));
@@ -32,26 +29,19 @@ TEST_F(Year2040, CacheFileIsJudgedByItsRealAge) {
   TestCache writer(dir.path());
   ASSERT_TRUE(writer.UpdateWithData(Data(1)));
   ASSERT_TRUE(writer.SetAge(0, static_cast<time_t>(k2040)));
-
-  // Dated in the future, it is younger than any time-out: served with no fetch.
   TestCache reader(dir.path());
-  EXPECT_FALSE(reader.IsTimeout());
-  EXPECT_TRUE(reader.GetCachedData() == Data(1) && reader.Read() == Data(1));
-  EXPECT_EQ(reader.Fetches(), 0);
-
+  EXPECT_TRUE(!reader.IsTimeout() && reader.GetCachedData() == Data(1) &&
+              reader.Read() == Data(1) && reader.Fetches() == 0);
   // One second later in 2040 is a different file: reloaded.
   ASSERT_TRUE(WriteText(writer.GetCachePath(), R"({"cached_data":{"v":2}})"));
   ASSERT_TRUE(writer.SetAge(0, static_cast<time_t>(k2040 + 1)));
   EXPECT_EQ(reader.Read(), Data(2));
-
-  // Back to a real age past the time-out: stale, refreshed.
   ASSERT_TRUE(reader.SetAge(101));
-  EXPECT_TRUE(reader.IsTimeout() && reader.DoUpdate() && !reader.IsTimeout());
-  EXPECT_EQ(reader.Fetches(), 1);
+  EXPECT_TRUE(reader.IsTimeout() && reader.DoUpdate() && !reader.IsTimeout() &&
+              reader.Fetches() == 1);
   EXPECT_EQ(TestCache(dir.path()).GetCachedData(), Data(7));
 }
 
-// No public header (comments aside) names a type whose width follows _FILE_OFFSET_BITS/_TIME_BITS.
 TEST(PublicInterface, SharesOneAbiWhateverTheCallersFlags) {
   const std::regex widthFollowsFlags(
       R"(\b(time_t|off_t|off64_t|ino_t|blkcnt_t|fsblkcnt_t|fsfilcnt_t|suseconds_t)\b|)"
@@ -70,8 +60,6 @@ TEST(PublicInterface, SharesOneAbiWhateverTheCallersFlags) {
     }
   }
   EXPECT_GE(headers, 15);
-
-  // What a caller sees without the flags is what the library was built with.
   const std::vector<ClassLayout> ours = VANTDR_PUBLIC_LAYOUTS;
   EXPECT_EQ(LayoutsWithDefaultFlags(), ours);
 }

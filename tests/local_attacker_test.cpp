@@ -1,5 +1,4 @@
-// A local user (uid 65534) against a root service, each attack on a private /tmp: whatever
-// the fs.protected_* sysctls say, root's files keep owner and content, and every call returns.
+// uid 65534 against a root service on a private /tmp, whatever the fs.protected_* sysctls say.
 #include <spawn.h>
 #include <stdio.h>
 #include <sys/mount.h>
@@ -21,13 +20,9 @@ const uid_t kAttacker = 65534;
 const std::string kSecret = R"({"cached_data":{"v":666}})";
 const char* const kSecretPath = "/tmp/rootdir/secret";
 
-// In the body (a forked child): fail with `code` unless `cond` holds.
-#define CHECK_OR(code, cond)  \
-  do {                        \
-    if (!(cond)) return code; \
-  } while (0)
+#define CHECK_OR(code, cond) \
+  if (!(cond)) return code
 
-// Runs `body` as root on a fresh private /tmp holding kSecretPath; a hang ends the child.
 void OnPrivateTmp(const std::function<int()>& body) {
   VANTDR_ON_PRIVATE_TMPFS(code, 1 << 20, [&](const std::string&) {
     if (mount("tmpfs", "/tmp", "tmpfs", 0, "mode=1777,size=256m") != 0) return 97;
@@ -38,16 +33,15 @@ void OnPrivateTmp(const std::function<int()>& body) {
   EXPECT_EQ(code, 0);
 }
 
-// Runs `body` as the attacker, every id 65534; true when it returned 0.
 bool AsAttacker(const std::function<int()>& body) {
   return RunUnprivileged(body, false).exitCode == 0;
 }
 
-// The attacker in the background; it dies with the test's process.
 pid_t StartAttacker(const std::function<int()>& body) {
   return StartChild([&] {
-    if (setresgid(kAttacker, kAttacker, kAttacker) != 0) return 98;
-    if (setresuid(kAttacker, kAttacker, kAttacker) != 0) return 98;
+    if (setresgid(kAttacker, kAttacker, kAttacker) != 0 ||
+        setresuid(kAttacker, kAttacker, kAttacker) != 0)
+      return 98;
     if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0) return 98;  // after the id change, which clears it
     return body();
   });
@@ -62,7 +56,6 @@ bool Untouched(const std::string& path = kSecretPath, const std::string& text = 
 
 }  // namespace
 
-// A link at the cache path into a directory swapped with a link to root's, again and again.
 TEST(LocalAttacker, ExchangedDirectoryNeverHandsARootFileOver) {
   for (const bool attackerDir : {false, true}) {
     SCOPED_TRACE(attackerDir ? "cache directory of the attacker" : "fallback path");
@@ -93,19 +86,17 @@ TEST(LocalAttacker, ExchangedDirectoryNeverHandsARootFileOver) {
       WaitChild(swapper);
       CHECK_OR(failed, failed == 0);
       // A plain write follows the link as fopen would; the cache never does.
-      CHECK_OR(5, wrote > 0);
-      CHECK_OR(6, log.Count("Refused [" + cache.GetCachePath() +
-                            "]: a link, special file or file of another user") == 20000);
+      CHECK_OR(6,
+               wrote > 0 && log.Count("Refused [" + cache.GetCachePath() +
+                                      "]: a link, special file or file of another user") == 20000);
       return 0;
     });
   }
 }
 
-// Occupied temporary names block no write; the clean-up reads a few entries per write.
 TEST(LocalAttacker, TemporaryNamesCannotBeOccupiedAndCleanUpIsBounded) {
   OnPrivateTmp([&] {
     const pid_t victim = StartChild([] {
-      // Named temporaries where a child can refuse unnamed ones (which get named too).
       RefuseUnnamedTemporaryFiles();
       kill(getpid(), SIGSTOP);
       if (!File::Write("/tmp/doc", Data(1)) || !File::Write("/tmp/doc", Data(2))) return 4;
@@ -126,9 +117,9 @@ TEST(LocalAttacker, TemporaryNamesCannotBeOccupiedAndCleanUpIsBounded) {
                return 0;
              }));
     kill(victim, SIGCONT);
-    CHECK_OR(3, WaitChild(victim).exitCode == 0);
-    CHECK_OR(4, Untouched("/tmp/.vantdr-tmp." + std::to_string(victim) + ".7", "x", kAttacker));
-    // 3,000 leftovers of a dead writer of ours: each replacement removes a few.
+    CHECK_OR(4, WaitChild(victim).exitCode == 0 &&
+                    Untouched("/tmp/.vantdr-tmp." + std::to_string(victim) + ".7", "x", kAttacker));
+    // Leftovers of a dead writer: each replacement removes a few, never all at once.
     mkdir("/tmp/many", 0755);
     for (int n = 0; n < 3000; ++n) {
       char name[64];
@@ -152,14 +143,12 @@ TEST(LocalAttacker, TemporaryNamesCannotBeOccupiedAndCleanUpIsBounded) {
                  }) &&
                      Untouched(live, "", kAttacker));
     // Without /proc an unnamed temporary is named through its descriptor.
-    CHECK_OR(12, umount2("/proc", MNT_DETACH) == 0 && File::Write("/tmp/noproc", Data(3)));
-    CHECK_OR(13, ReadText("/tmp/noproc") == JsonToString(Data(3)));
+    CHECK_OR(12, umount2("/proc", MNT_DETACH) == 0 && File::Write("/tmp/noproc", Data(3)) &&
+                     ReadText("/tmp/noproc") == JsonToString(Data(3)));
     return 0;
   });
 }
 
-// Files, links and FIFOs at the cache's or the pid file's name: not read, written through or
-// waited for, and no refresh is stopped by them (the pid file: a FIFO, or init's pid).
 TEST(LocalAttacker, PlantedCacheAndPidFilesAreNeitherTrustedNorWrittenThrough) {
   const std::string cached = "/tmp/default_dr_cache", pid = cached + ".pid";
   const std::string foreign = "a link, special file or file of another user";
@@ -183,7 +172,6 @@ TEST(LocalAttacker, PlantedCacheAndPidFilesAreNeitherTrustedNorWrittenThrough) {
       const std::string refused = "Refused [" + row.path + "]: " + row.refusal;
       if (row.path == pid) {
         CHECK_OR(3, VLIBCReadPidFile(path) == 0);
-        // An uncreatable directory: the fallback path, and no fetch counting file.
         TestCache cache("/proc/vantdr-none", true, 0);
         LogCapture log;
         CHECK_OR(4, cache.GetCachePath() == cached && cache.Read() == Data(7));
@@ -202,26 +190,21 @@ TEST(LocalAttacker, PlantedCacheAndPidFilesAreNeitherTrustedNorWrittenThrough) {
   }
 }
 
-// Another user's lock directory, links and FIFOs in it are refused; no child inherits a lock.
 TEST(LocalAttacker, LockDirectoryOfAnotherUserIsRefused) {
   OnPrivateTmp([&] {
     CHECK_OR(2, AsAttacker([] {
-               if (mkdir("/tmp/.vantdr_lock", 0777) != 0 || chmod("/tmp/.vantdr_lock", 0777) != 0)
-                 return 1;
-               if (mkfifo("/tmp/.vantdr_lock/fifo", 0666) != 0) return 1;
-               return symlink("/tmp/rootdir/created", "/tmp/.vantdr_lock/link");
+               return mkdir("/tmp/.vantdr_lock", 0777) | chmod("/tmp/.vantdr_lock", 0777) |
+                      mkfifo("/tmp/.vantdr_lock/fifo", 0666) |
+                      symlink("/tmp/rootdir/created", "/tmp/.vantdr_lock/link");
              }));
     LogCapture log;
-    for (const char* name : {"fifo", "link", "new"}) {
-      FileLock lock(name);
-      CHECK_OR(3, !lock.lock(LOCK_EX | LOCK_NB, 0));
-    }
-    CHECK_OR(4, access("/tmp/rootdir/created", F_OK) != 0 && Untouched());
-    CHECK_OR(5, log.Count("Failed to open lock file[/tmp/.vantdr_lock/new], errno=Permission "
-                          "denied") == 1);
-    // Root's own directory, made under a careless umask: closed to others.
+    for (const char* name : {"fifo", "link", "new"})
+      CHECK_OR(3, !FileLock(name).lock(LOCK_EX | LOCK_NB, 0));
+    CHECK_OR(5, access("/tmp/rootdir/created", F_OK) != 0 && Untouched() &&
+                    log.Count("Failed to open lock file[/tmp/.vantdr_lock/new], errno=Permission "
+                              "denied") == 1);
     CHECK_OR(6, system("rm -rf /tmp/.vantdr_lock") == 0);
-    umask(0);
+    umask(0);  // careless: root's own lock directories must still be closed to others
     auto deep = std::make_unique<FileLock>("a/b/lock");
     CHECK_OR(7, deep->lock(LOCK_EX | LOCK_NB, 0));
     for (const char* dir : {"/tmp/.vantdr_lock", "/tmp/.vantdr_lock/a", "/tmp/.vantdr_lock/a/b"}) {
@@ -229,8 +212,7 @@ TEST(LocalAttacker, LockDirectoryOfAnotherUserIsRefused) {
       CHECK_OR(8, stat(dir, &st) == 0 && (st.st_mode & 022) == 0);
     }
     CHECK_OR(9, (fcntl(deep->getFd(), F_GETFD) & FD_CLOEXEC) != 0);
-    // A program started by the holder does not keep it (emulation runs programs its own way).
-    if (getenv("VANTDR_EMULATED") != nullptr) return 0;
+    if (getenv("VANTDR_EMULATED") != nullptr) return 0;  // emulation runs programs its own way
     pid_t program;
     char* const argv[] = {const_cast<char*>("sleep"), const_cast<char*>("5"), nullptr};
     CHECK_OR(10, posix_spawn(&program, "/bin/sleep", nullptr, nullptr, argv, environ) == 0);
@@ -244,7 +226,6 @@ TEST(LocalAttacker, LockDirectoryOfAnotherUserIsRefused) {
   });
 }
 
-// Names from a request cannot smuggle a second statement into a builder.
 TEST(LocalAttacker, BuilderTextRunsAsExactlyOneStatement) {
   TempDir dir;
   SqliteDB db(dir.File("db"), 0, "t");
@@ -252,8 +233,8 @@ TEST(LocalAttacker, BuilderTextRunsAsExactlyOneStatement) {
   const SqliteTableHandler job("job", "id INTEGER, name TEXT");
   InsertCommand field, table;
   field.SetTable(job);
-  table.SetTable(SqliteTableHandler("job (id INTEGER); DROP TABLE victim; --", "id INTEGER"));
   field.AddFieldValue("id) VALUES (1); DROP TABLE victim; --", 1);
+  table.SetTable(SqliteTableHandler("job (id INTEGER); DROP TABLE victim; --", "id INTEGER"));
   table.AddFieldValue("id", 1);
   UpdateCommand update;
   update.SetTable(job);

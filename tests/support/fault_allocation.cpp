@@ -1,5 +1,4 @@
-// Global allocation functions for the executables that link the fault harness: a large
-// allocation is a call the harness counts and can fail.
+// A large allocation is a call the fault harness counts and can fail.
 #include <cstdlib>
 #include <new>
 
@@ -26,7 +25,6 @@ void* OrThrow(void* p) { return p != nullptr ? p : throw std::bad_alloc(); }
 }  // namespace
 
 void VantDRTest::Faults::FailAllocation(size_t bytes, int nth) {
-  g_bytes = 0;
   g_count = 0;
   g_nth = nth;
   g_bytes = bytes;

@@ -1,6 +1,5 @@
-// The wrappers must define the plain and the 64-bit entry points as separate
-// symbols (the library may bind to either), and fortified inline versions
-// would clash with the definitions: declare them as the C library's base ABI does.
+// Plain and 64-bit entry points are separate symbols (the library may bind to either), and
+// fortified inline versions would clash: declare them as the C library's base ABI does.
 #undef _FORTIFY_SOURCE
 #undef _TIME_BITS
 #undef _FILE_OFFSET_BITS
@@ -50,18 +49,16 @@ bool Inject(Call call) {
   return true;
 }
 
-// Returns `result` after showing it to the observer of `call`, if any.
 template <typename T>
 T Observed(Call call, T result) {
   State& s = Current();
   if (!s.armed || call != s.observed || !s.observer) return result;
   const int saved = errno;
   s.armed = false;
-  if constexpr (std::is_pointer<T>::value) {
+  if constexpr (std::is_pointer<T>::value)
     s.observer(result == nullptr ? -1 : 0);
-  } else {
+  else
     s.observer(static_cast<long>(result));
-  }
   s.armed = true;
   errno = saved;
   return result;
@@ -82,8 +79,7 @@ const std::vector<int>& Errnos() {
 const char* ErrnoName(int error) { return strerrorname_np(error); }
 
 void Arm(Call call, int nth, int error) {
-  State& s = Current();
-  s = State();
+  State& s = Current() = State();
   s.call = call;
   s.nth = nth;
   s.error = error;
@@ -96,12 +92,11 @@ bool Fired() { return Current().fired; }
 bool FiredOn(Call call) { return Current().fired && Current().call == call; }
 const std::vector<unsigned>& Sleeps() { return Current().sleeps; }
 
+int Steps() { return Current().steps; }
 void Observe(Call call, std::function<void(long)> observer) {
   Current().observed = call;
   Current().observer = std::move(observer);
 }
-int Steps() { return Current().steps; }
-
 void FailStep(int nth, int result) {
   Current().steps = 0;
   Current().stepNth = nth;
@@ -127,7 +122,6 @@ mode_t ModeArgument(int flags, va_list ap) {
 }  // namespace
 
 #define VANTDR_NEXT(name) static const auto next = Next(&::name, #name)
-// A wrapper that fails with `failed` when its call is the one to fail.
 #define VANTDR_FAIL(type, name, kind, failed, params, args, except) \
   type name params except {                                         \
     if (Inject(kind)) return failed;                                \

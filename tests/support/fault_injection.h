@@ -1,9 +1,6 @@
-// Counts the library's system calls and fails the nth call of one kind with a chosen errno.
-// The wrappers (fault_injection.cpp) are defined in the test executable, which comes first in the
-// lookup scope, so the library, SQLite and libstdc++ bind to them; they forward through
-// dlsym(RTLD_NEXT). Not a preload (the sanitizer runtime must load first, and qemu-user needs it
-// passed apart) nor --wrap (it renames only statically linked calls). Calls inside glibc (fopen's
-// open, fflush's write) are reached through the entry points only.
+// Counts the library's system calls and fails the nth of one kind. Wrappers in the executable
+// come first in lookup scope and forward via dlsym(RTLD_NEXT): a preload must follow the sanitizer
+// runtime, --wrap misses shared calls. Calls inside glibc are reached only via entry points.
 #pragma once
 
 #include <cstddef>
@@ -14,7 +11,6 @@
 namespace VantDRTest {
 namespace Faults {
 
-// Kinds of call; each groups the entry points that do that work.
 enum Call {
   kOpen,        // open, open64, openat, openat64, fopen, fopen64, fdopen
   kRead,        // read, pread64
@@ -34,30 +30,23 @@ enum Call {
 
 const char* Name(Call call);
 const char* ErrnoName(int error);
-// The errno values every call is failed with.
-const std::vector<int>& Errnos();
+const std::vector<int>& Errnos();  // those every call is failed with
 
-// Starts counting calls (counts reset). With `nth` > 0 the nth call of `call` fails with `error`
-// instead of running. Children forked while armed start disarmed.
+// Counts anew; nth > 0 fails the nth `call` with `error`. Forked children start disarmed.
 void Arm(Call call = kOpen, int nth = 0, int error = 0);
 void Disarm();  // counts stay readable
 int Count(Call call);
 bool Fired();             // the armed fault was injected
 bool FiredOn(Call call);  // ... into a call of `call`
-// Runs `observer` disarmed after every call of `call` that was not failed, with its result (a
-// descriptor, a count, 0; -1 for a failure, 0 for a FILE*), so a test can look at what a call
-// did or change the world between two calls. Arm clears it.
+// observer(result; FILE*: 0, failure: -1), disarmed, after each unfailed `call`. Arm clears it.
 void Observe(Call call, std::function<void(long result)> observer);
-// The arguments of usleep since Arm (counted, never failed).
-const std::vector<unsigned>& Sleeps();
+const std::vector<unsigned>& Sleeps();  // usleep's arguments since Arm; never failed
 
-// Makes the nth allocation of at least `bytes` fail (0: none) apart from any armed fault; `bytes`
-// 0 stops. LargeAllocations: those allocations since.
+// Fails the nth allocation of at least `bytes` (0: none), apart from any armed fault.
 void FailAllocation(size_t bytes, int nth);
-int LargeAllocations();
+int LargeAllocations();  // allocations of at least `bytes` since
 
-// Makes sqlite3_step return `result` on its nth call (0: never; Arm clears it) without stepping:
-// SQLite cannot be made to report contention in the middle of a query's rows any other way.
+// sqlite3_step's nth call returns `result` unstepped: the only way to show contention mid-rows.
 void FailStep(int nth, int result);
 int Steps();  // calls of sqlite3_step since Arm
 

@@ -20,8 +20,7 @@ bool Install(struct sock_filter* code, unsigned short length) {
 }  // namespace
 
 bool RefuseUnnamedTemporaryFiles(int error) {
-  // The O_TMPFILE bit without O_DIRECTORY, in the low word of the flags
-  // argument (little-endian, as on both our targets).
+  // O_TMPFILE less O_DIRECTORY, in the flags' low word (little-endian, as on both our targets).
   constexpr unsigned kTmpfileBit = 020000000;
   const unsigned refuse = SECCOMP_RET_ERRNO | static_cast<unsigned>(error);
   struct sock_filter code[] = {
