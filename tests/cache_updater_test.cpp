@@ -1,12 +1,9 @@
 #include <json/writer.h>
 
-#include <memory>
 #include <new>
 #include <stdexcept>
 
 #include "support/suite.h"
-
-namespace {
 
 class CacheUpdater : public CacheFixture {};
 
@@ -26,12 +23,11 @@ TEST_F(CacheUpdater, SimultaneousStaleReadersFetchOnceAndAKilledUpdaterBlocksNot
   const std::string pidPath = cache.GetCachePath() + ".pid";
   ASSERT_TRUE(WaitFor([&] { return cache.Fetches() > 0; }, 5));
   usleep(500000);  // a second updater would have fetched by now
-  EXPECT_EQ(cache.Fetches(), 1);
   const pid_t updater = VLIBCReadPidFile(pidPath.c_str());
-  ASSERT_GT(updater, 0);
+  ASSERT_TRUE(cache.Fetches() == 1 && updater > 0);
   EXPECT_NE(getsid(updater), getsid(0));  // detached from the caller's session
-  ASSERT_EQ(kill(updater, SIGKILL), 0);
-  ASSERT_TRUE(WaitFor([&] { return VLIBCProcAlive(updater) != 1; }, 5));
+  ASSERT_TRUE(kill(updater, SIGKILL) == 0 &&
+              WaitFor([&] { return VLIBCProcAlive(updater) != 1; }, 5));
   EXPECT_EQ(VLIBCReadPidFile(pidPath.c_str()), updater);  // left behind by the dead updater
 
   ASSERT_TRUE(WriteText(dir.File("release"), ""));
@@ -39,9 +35,8 @@ TEST_F(CacheUpdater, SimultaneousStaleReadersFetchOnceAndAKilledUpdaterBlocksNot
   const Json::Value again = cache.Read();
   EXPECT_TRUE(again == Data(1) || again == Data(7)) << again;
   // Well inside the 5 s of any lock time-out.
-  EXPECT_TRUE(WaitFor([&] { return cache.Fetches() == 2; }, 2));
-  EXPECT_TRUE(WaitFor([&] { return !Exists(pidPath); }, 5));
-  EXPECT_EQ(cache.Read(), Data(7));
+  EXPECT_TRUE(WaitFor([&] { return cache.Fetches() == 2; }, 2) &&
+              WaitFor([&] { return !Exists(pidPath); }, 5) && cache.Read() == Data(7));
   EXPECT_TRUE(waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD);  // the updaters detached
 }
 
@@ -107,9 +102,8 @@ TEST_F(CacheUpdater, ClaimantBetweenTheTwoLocksYields) {
   usleep(300 * 1000);  // the claimant has looked and polls for the exclusive lock
   ASSERT_EQ(VLIBCProcPidFileCreate(pidPath.c_str()), 0);  // this live process came first
   looking.unlock();
-  EXPECT_EQ(WaitChild(claimant).exitCode, 1);
-  EXPECT_EQ(cache.Fetches(), 0);
-  EXPECT_EQ(VLIBCReadPidFile(pidPath.c_str()), getpid());
+  EXPECT_TRUE(WaitChild(claimant).exitCode == 1 && cache.Fetches() == 0 &&
+              VLIBCReadPidFile(pidPath.c_str()) == getpid());
 }
 
 // A lock file closed before the fork leaves its number to a caller's file the updater keeps.
@@ -141,8 +135,7 @@ TEST_F(CacheUpdater, DescriptorReusedBeforeTheForkStaysTheCallers) {
 TEST_F(CacheUpdater, MissingFileIsStaleWhateverTheTimeOut) {
   TestCache cache(dir.path(), true, -1, LONG_MAX);
   cache.fallback = Data(3);  // valid: only staleness makes it fetch
-  EXPECT_EQ(cache.Read(), Data(7));
-  EXPECT_EQ(cache.Fetches(), 1);
+  EXPECT_TRUE(cache.Read() == Data(7) && cache.Fetches() == 1);
 }
 
 // Whatever a callback throws (std::exception, bad_alloc, an int) stays inside; no pid file left.
@@ -188,5 +181,3 @@ TEST_F(CacheUpdater, ExceptionsOfCallbacksStayInside) {
     }
   }
 }
-
-}  // namespace

@@ -1,14 +1,10 @@
 // Each operation failing in each of its system calls in turn (VANTDR_FAULTS=full: every errno).
 #include <poll.h>
-#include <sys/syscall.h>
 
 #include <algorithm>
-#include <cstdlib>
 
 #include "support/fault_injection.h"
 #include "support/suite.h"
-
-namespace {
 
 const bool kFullWalk = getenv("VANTDR_FAULTS") && std::string(getenv("VANTDR_FAULTS")) == "full";
 const size_t kHuge = 1 << 20;  // stands for the gigabyte lines met in the field
@@ -491,5 +487,3 @@ TEST(HugeInput, FailedAllocationsBecomeFailureResults) {
   for (const Operation& op : ops) walker.Walk(op, {Faults::kAllocation});
   walker.Report();
 }
-
-}  // namespace

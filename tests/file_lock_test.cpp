@@ -3,8 +3,6 @@
 #include "support/fault_injection.h"
 #include "support/suite.h"
 
-namespace {
-
 const int kExclusive = LOCK_EX | LOCK_NB;
 
 TEST(FileLock, LockFileStateAndMode) {
@@ -77,5 +75,3 @@ TEST(FileLock, UnlockSkipsDescriptorZeroOnly) {
   }
   unlink(FileLock::getLockFilePath(name).c_str());
 }
-
-}  // namespace

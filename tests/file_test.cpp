@@ -1,10 +1,5 @@
 #include "support/suite.h"
 
-using Lines = std::vector<std::string>;
-namespace fs = std::filesystem;
-
-namespace {
-
 TEST(File, JsonByPathAndByDescriptor) {
   TempDir dir;
   LogCapture log;
@@ -70,5 +65,3 @@ TEST(File, KeyValueFiles) {
   EXPECT_EQ(File::Read("", numbers), -1);
   EXPECT_EQ(log.Summary(), Lines{"ERR Read: Invalid path"});
 }
-
-}  // namespace

@@ -1,21 +1,15 @@
 // A plain file is replaced whole; anything else a caller could tell apart is written in place.
 #include <grp.h>
-#include <sys/mount.h>
-#include <sys/resource.h>
 #include <sys/sysmacros.h>
 #include <sys/xattr.h>
 
 #include <cstring>
-#include <random>
 
 #include "support/file_sandbox.h"
 #include "support/suite.h"
 #include "support/syscall_filter.h"
 
-using Lines = std::vector<std::string>;
 using Names = std::set<std::string>;
-
-namespace {
 
 const uid_t kNobody = 65534;
 
@@ -280,5 +274,3 @@ TEST_F(FileWriteTest, LinksPlantedAtTheWritersNamesAreNeverFollowed) {
   ASSERT_TRUE(File::Write(dir.File("doc"), Doc(1)) && JsonToFile(Doc(2), dir.File("doc")));
   EXPECT_TRUE(Holds(dir.File("doc"), Doc(2)) && ReadText(victim) == "precious");
 }
-
-}  // namespace

@@ -4,8 +4,6 @@
 
 #include "support/suite.h"
 
-namespace {
-
 const std::string kHuge(1 << 20, 'x');
 const std::string kNul("a\0b", 3);
 const std::string kBadUtf8("\xff\xfe\x80");
@@ -153,5 +151,3 @@ TEST(HostileInput, TextsJsonFilesCacheFilesAndKeyValueFiles) {
   EXPECT_TRUE(ints["big"] == INT_MAX && ints["neg"] == INT_MIN && ints["huge"] == 1);
   EXPECT_TRUE(reals["huge"] == std::numeric_limits<double>::max() && reals["big"] == 1e20);
 }
-
-}  // namespace

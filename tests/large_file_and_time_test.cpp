@@ -2,8 +2,6 @@
 #include "support/layout.h"
 #include "support/suite.h"
 
-namespace {
-
 const int64_t k3GiB = int64_t{3} << 30;
 const int64_t k2040 = 2208988800;  // 2040-01-01 00:00:00 UTC
 
@@ -15,7 +13,7 @@ TEST(LargeFile, SparseDatabaseOf3GiBIsFoundReadAndWritten) {
   ASSERT_EQ(truncate(path.c_str(), static_cast<off_t>(k3GiB)), 0);
   EXPECT_TRUE(VLIBCFileExist(path.c_str()) == 1 && VLIBCFileCheckDir(path.c_str()) == 0);
   Json::Value text = "left";  // natively it would be read, 3 GiB of zeros
-  if (sizeof(size_t) == 4) EXPECT_TRUE(!JsonFromFile(text, path) && text.isNull());
+  EXPECT_TRUE(sizeof(size_t) != 4 || (!JsonFromFile(text, path) && text.isNull()));
   SqliteDB db(path, 0, "big");
   std::vector<SqliteValueList> rows;
   EXPECT_TRUE(db.IsExisted() && db.SelectRecords(AllJobs(SqliteLess("id", 3)), rows));
@@ -63,5 +61,3 @@ TEST(PublicInterface, SharesOneAbiWhateverTheCallersFlags) {
   const std::vector<ClassLayout> ours = VANTDR_PUBLIC_LAYOUTS;
   EXPECT_EQ(LayoutsWithDefaultFlags(), ours);
 }
-
-}  // namespace

@@ -1,19 +1,12 @@
 // uid 65534 against a root service on a private /tmp, whatever the fs.protected_* sysctls say.
 #include <spawn.h>
-#include <stdio.h>
-#include <sys/mount.h>
 #include <sys/prctl.h>
-#include <sys/syscall.h>
-
-#include <memory>
 
 #include "support/file_sandbox.h"
 #include "support/suite.h"
 #include "support/syscall_filter.h"
 
 extern "C" char** environ;
-
-namespace {
 
 const uid_t kAttacker = 65534;
 // A root file only root may read, and a cache document: served, it would show.
@@ -53,8 +46,6 @@ bool Untouched(const std::string& path = kSecretPath, const std::string& text = 
   return lstat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) && st.st_uid == uid &&
          ReadText(path) == text;
 }
-
-}  // namespace
 
 TEST(LocalAttacker, ExchangedDirectoryNeverHandsARootFileOver) {
   for (const bool attackerDir : {false, true}) {

@@ -1,8 +1,6 @@
 #include "support/suite.h"
 #include "vantrandom/vant_random.h"
 
-namespace {
-
 const char kHostile[] = "a b \"quoted\" 'single' ; rm -rf ~ $(id) `id` | x > y";
 
 TEST(PlatformTest, ExecPassesArgumentsVerbatimAndReportsStatus) {
@@ -112,5 +110,3 @@ TEST(PlatformTest, RandomIsWithinTheClosedRangeAndReachesBothEnds) {
   for (int i = 0; i < 3000; ++i) low += random.urandom(0, 0xBFFFFFFFu) < (1u << 30);
   EXPECT_TRUE(low > 850 && low < 1150) << low;
 }
-
-}  // namespace

@@ -1,11 +1,6 @@
 // Many real processes contending for one database and one cache.
-#include <syslog.h>
-
-#include <random>
 
 #include "support/suite.h"
-
-namespace {
 
 class StressTest : public CacheFixture {};
 
@@ -55,11 +50,7 @@ TEST_F(StressTest, UpdatersKilledAtRandomPointsUnderReaders) {
       TestCache reader(dir.path(), false);
       int reads = 0;
       while (!Exists(stop) || reads == 0) {
-        const Json::Value served = reader.Read();
-        if (!reader.IsValidData(served)) {
-          std::fprintf(stderr, "reader served %s\n", JsonToString(served).c_str());
-          return 1;
-        }
+        if (!reader.IsValidData(reader.Read())) return 1;
         ++reads;
         usleep(1000);
       }
@@ -84,25 +75,20 @@ TEST_F(StressTest, UpdatersKilledAtRandomPointsUnderReaders) {
     killedMidway += result.signal == SIGKILL;
     finished += result.exitCode == 0;
     window *= result.signal == SIGKILL ? 1.2 : 0.8;
-    // The document is whole: the old data or the victim's.
-    Json::Value doc;
+    Json::Value doc;  // whole: the old data or the victim's
     ASSERT_TRUE(JsonFromFile(doc, updater.GetCachePath())) << i;
     const int v = doc["cached_data"]["v"].asInt();
     EXPECT_TRUE(v == i + 1 || v == 1000 + i) << i << ": " << v;
     updater.value = i + 2;
     slowestRestart =
         std::max(slowestRestart, SecondsTaken([&] { EXPECT_TRUE(updater.Update()) << i; }));
-    EXPECT_EQ(updater.GetCachedData(), Data(i + 2)) << i;
-    EXPECT_FALSE(Exists(pidPath)) << i;
+    EXPECT_TRUE(updater.GetCachedData() == Data(i + 2) && !Exists(pidPath)) << i;
   }
   ASSERT_TRUE(WriteText(stop, ""));
   int readerFaults = 0;
   for (pid_t reader : readers) readerFaults += WaitChild(reader).exitCode != 0;
-  EXPECT_EQ(readerFaults, 0);
-  EXPECT_GT(killedMidway, 0);
-  EXPECT_GT(finished, 0);
+  EXPECT_TRUE(readerFaults == 0 && killedMidway > 0 && finished > 0)
+      << readerFaults << " " << killedMidway << " " << finished;
   EXPECT_LT(slowestRestart, 4.0);  // never a lock time-out of the 5 s kind
   EXPECT_TRUE(waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD);  // no child left
 }
-
-}  // namespace

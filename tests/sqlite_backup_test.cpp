@@ -1,9 +1,5 @@
 #include "support/suite.h"
 
-using Lines = std::vector<std::string>;
-
-namespace {
-
 std::string ErrText(const SqliteDB& db) { return JsonToString(db.GetErr()); }
 
 void Fill(const std::string& path, int rows) {
@@ -74,8 +70,7 @@ TEST(SqliteBackup, CopiesReplacesAndKeepsWhatItMustNotTouch) {
   {  // inside a transaction the copy would hold what is not committed
     SqliteTransaction transaction(db);
     ASSERT_TRUE(transaction.Begin());
-    EXPECT_FALSE(db.Backup(dest));
-    EXPECT_EQ(ErrText(db), "{\"err_code\":401}");
+    EXPECT_TRUE(!db.Backup(dest) && ErrText(db) == "{\"err_code\":401}");
   }
   // A directory the caller cannot write to: a user who is not root.
   db.Close();
@@ -193,5 +188,3 @@ TEST(SqliteBackup, ConnectionSetupRunsOnEveryOpen) {
                                         "Failed to open db [" + path + "]"}));
   EXPECT_EQ(Query(path, "SELECT count(*) FROM sqlite_master"), "0");
 }
-
-}  // namespace

@@ -1,9 +1,5 @@
 #include "support/suite.h"
 
-using Lines = std::vector<std::string>;
-
-namespace {
-
 const long long k2p32 = 4294967296LL;
 
 TEST(SqliteValue, FormatsEachPayloadAsSqlLiteral) {
@@ -55,7 +51,7 @@ TEST(SqliteValue, GetValueAcceptsMatchingPayloadsAndRefusesOthers) {
   ExpectRead<bool>(text, false, "[\"x\"] is not bool");
 }
 
-struct Job : SqliteRecord {
+struct JobRecord : SqliteRecord {
   SqliteValueList ToSqliteValueList(const std::vector<std::string>& fields) const override {
     SqliteValueList record;
     for (const std::string& field : fields) record.AddValue(field, SqliteValue(field));
@@ -66,7 +62,7 @@ struct Job : SqliteRecord {
 
 TEST(SqliteValueList, AddsMergesLooksUpAndLogsExactLines) {
   LogCapture log;
-  SqliteValueList record = Job().ToSqliteRecord(), other;
+  SqliteValueList record = JobRecord().ToSqliteRecord(), other;
   EXPECT_FALSE(record.AddValue("a", SqliteValue()) || record.AddValue("", SqliteValue(5)));
   other.AddValue("id", SqliteValue(3));
   other.AddValue("Z", SqliteValue(true));
@@ -254,10 +250,7 @@ TEST(SqliteCommand, DeleteNeedsConditionOrDeleteAll) {
   EXPECT_TRUE(kept.SetCondition(SqliteIn("id", {3})));
   kept.DeleteAll();
   EXPECT_EQ("DELETE FROM job WHERE id IN ( 3 );", kept.GetCommand());
-  EXPECT_FALSE(all.SetCondition(SqliteEqual()));
-  EXPECT_TRUE(all.SetCondition("id=1"));
+  EXPECT_TRUE(!all.SetCondition(SqliteEqual()) && all.SetCondition("id=1"));
   EXPECT_EQ("DELETE FROM job WHERE id=1;", all.GetCommand());
   EXPECT_EQ(Lines{"ERR SetCondition: Invalid condition"}, log.Summary());
 }
-
-}  // namespace

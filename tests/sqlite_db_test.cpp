@@ -1,9 +1,6 @@
 #include "support/suite.h"
 
-using Lines = std::vector<std::string>;
 using Rows = std::vector<SqliteValueList>;
-
-namespace {
 
 TEST(SqliteDB, RowsFailuresAndOneConnection) {
   TempDir tmp;
@@ -211,5 +208,3 @@ TEST(SqliteDB, DanglingLinkIsNoDatabase) {
   EXPECT_TRUE(db.IsExisted() && db.SelectRecords(select, rows) && rows.size() == 1u);
   EXPECT_EQ(rows[0].ToStr(), "id:1, name:'through'");
 }
-
-}  // namespace

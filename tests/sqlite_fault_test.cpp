@@ -1,8 +1,6 @@
 #include "support/fault_injection.h"
 #include "support/suite.h"
 
-namespace {
-
 // Contention on the third row: rows read stay; no retry gives 405, one retry appends all rows.
 TEST(SqliteFaults, BusyInTheMiddleOfSelectRecords) {
   TempDir dir;
@@ -64,5 +62,3 @@ TEST(SqliteFaults, AllocationFailuresInABatch) {
   // 407 from the copies made before the batch starts, 402 from inside it.
   EXPECT_TRUE(std::regex_match(codes, std::regex("(407 )*(402 )+"))) << codes;
 }
-
-}  // namespace

@@ -1,9 +1,5 @@
 #include "support/suite.h"
 
-using Lines = std::vector<std::string>;
-
-namespace {
-
 const SqliteTableHandler kFiles("file", "id INTEGER PRIMARY KEY, path TEXT, size INTEGER");
 
 std::string Shown(const SqliteRow& row) {
@@ -150,8 +146,7 @@ TEST(SqliteStatement, StreamsStopEarlyAndForEachRecordMatchesSelectRecords) {
                                }),
               ok);
     EXPECT_EQ(log.Summary(), selectLines);
-    EXPECT_EQ(ErrText(db), selectErr);
-    EXPECT_EQ(streamed, selected);
+    EXPECT_TRUE(ErrText(db) == selectErr && streamed == selected) << ErrText(db);
     EXPECT_EQ(selectLines.size(), ok ? 9u : 1u);  // WARN lines of NULL, REAL, BLOB cells
   }
   // Early stop: a success, and the next run starts from the first row again.
@@ -182,8 +177,7 @@ TEST(SqliteStatement, GetChangesAfterEveryKindOfWrite) {
   ASSERT_TRUE(db.CreateTable(kFiles));
   EXPECT_EQ(changes(db.Exec("INSERT INTO file (size) VALUES (7), (7), (8), (8)")), 4);
   EXPECT_EQ(changes(db.Exec("SELECT * FROM file")), 4);  // a read changes nothing
-  EXPECT_EQ(changes(db.UpdateRecord(update(7))), 2);
-  EXPECT_EQ(changes(claim.Exec()), 2);
+  EXPECT_TRUE(changes(db.UpdateRecord(update(7))) == 2 && changes(claim.Exec()) == 2);
   // After a batch whose last command changed nothing, a write that changes nothing.
   EXPECT_EQ(changes(db.UpdateRecords({update(8), update(7)})), 2);
   EXPECT_EQ(changes(claim.Exec()), 0);  // a second worker's claim finds nothing
@@ -274,5 +268,3 @@ TEST(SqliteStatementContention, RetriedBeforeTheFirstRowRefusedAfterIt) {
                   "size = size + 10 RETURNING id] with err [" +
                   ErrText(db) + "]"});
 }
-
-}  // namespace

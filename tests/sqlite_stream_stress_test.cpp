@@ -1,8 +1,5 @@
-#include <sys/resource.h>
 
 #include "support/suite.h"
-
-namespace {
 
 const long kRows = 1000000;
 
@@ -23,8 +20,6 @@ long PeakKiB(const std::function<long()>& body) {
   close(fds[0]);
   return peak;
 }
-
-}  // namespace
 
 TEST(SqliteStreamMemory, MillionRowsWithinSixteenMebibytesOfTheRawLoop) {
 #if defined(__SANITIZE_ADDRESS__)

@@ -1,9 +1,5 @@
 #include "support/suite.h"
 
-using Lines = std::vector<std::string>;
-
-namespace {
-
 const SqliteTableHandler kKinds(
     "kinds",
     "id INTEGER PRIMARY KEY, i INTEGER, n NUMERIC, t TEXT, r REAL, b BLOB, x, "
@@ -133,8 +129,7 @@ TEST(SqliteBatch, ChecksEveryCommandFirstAndWritesAllOrNothing) {
             Lines{"ERR ExecBatch: Reach retry limit [0], failed to exec batch of 50 commands at "
                   "[INSERT INTO job (id,name) VALUES (100,'taken');] with err [" +
                   err + "]"});
-  EXPECT_EQ(JsonToString(db.GetErr()), err);
-  EXPECT_EQ(Count(db), 1);
+  EXPECT_TRUE(JsonToString(db.GetErr()) == err && Count(db) == 1) << JsonToString(db.GetErr());
 }
 
 // Texts over 100 bytes are too long for the connections of this process.
@@ -206,8 +201,7 @@ TEST(SqliteTransaction, CommitsRollsBackAndAdmitsOneGuardAtATime) {
   EXPECT_EQ(Count(other), 1);
   {
     SqliteTransaction transaction(db);
-    ASSERT_TRUE(transaction.Begin());
-    ASSERT_TRUE(db.InsertRecord(Job(2, "a")));
+    ASSERT_TRUE(transaction.Begin() && db.InsertRecord(Job(2, "a")));
     EXPECT_TRUE(!db.InsertRecords({Job(3, "b"), Job(2, "again")}) && db.GetErrCode() == 404);
     EXPECT_TRUE(db.InsertRecords(Jobs(4, 2)));
     EXPECT_FALSE(db.InsertRecord(Job(1, "duplicate")));
@@ -287,5 +281,3 @@ TEST(SqliteTransactionContention, BeginCommitAndBatchesAreRetriedWhenBusy) {
   });
   EXPECT_EQ(Count(db), 8);
 }
-
-}  // namespace

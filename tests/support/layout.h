@@ -22,8 +22,7 @@ namespace VantDRTest {
 
 struct ClassLayout {
   std::string name;
-  size_t size;
-  size_t align;
+  size_t size, align;
   bool operator==(const ClassLayout& o) const {
     return name == o.name && size == o.size && align == o.align;
   }

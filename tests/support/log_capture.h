@@ -8,15 +8,9 @@ namespace VantDRTest {
 
 // A line; prefixed ones ("file:line(func)[LEVEL][pid]: message") are parsed.
 struct LogLine {
-  int priority = 0;
-  std::string text;
+  int priority = 0, line = 0, pid = 0;
   bool prefixed = false;
-  std::string file;
-  int line = 0;
-  std::string func;
-  std::string level;
-  int pid = 0;
-  std::string message;
+  std::string text, file, func, level, message;
 };
 
 // `message` whole, or past 64 KiB cut and followed by "...[cut, N bytes in all]".

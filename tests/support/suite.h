@@ -1,5 +1,5 @@
-// What the test files share: the system headers they use most, GoogleTest,
-// every public header of the library, and the suite's own helpers.
+// What the test files share: system headers, GoogleTest, the library's public headers (some
+// through the others) and the suite's own helpers.
 #pragma once
 
 #include <errno.h>
@@ -8,8 +8,12 @@
 #include <signal.h>
 #include <sqlite3.h>
 #include <sys/file.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -17,9 +21,12 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <functional>
 #include <map>
+#include <memory>
+#include <random>
 #include <regex>
 #include <set>
 #include <sstream>
@@ -30,27 +37,22 @@
 #include "support/jobs.h"
 #include "support/log_capture.h"
 #include "support/process.h"
-#include "support/temp_dir.h"
 #include "support/test_cache.h"
 #include "support/timing.h"
 #include "vantcore/vlibc.h"
 #include "vantdr/cache.h"
-#include "vantdr/error.h"
 #include "vantdr/file.h"
 #include "vantdr/file_lock.h"
 #include "vantdr/json_text.h"
-#include "vantdr/log.h"
 #include "vantdr/privileged_section.h"
 #include "vantdr/request.h"
 #include "vantdr/response.h"
-#include "vantdr/sqlite_command.h"
-#include "vantdr/sqlite_condition.h"
-#include "vantdr/sqlite_db.h"
 #include "vantdr/sqlite_statement.h"
 #include "vantdr/sqlite_transaction.h"
-#include "vantdr/sqlite_value.h"
 #include "vantdr/utils.h"
 #include "vantdr/version.h"
 
 using namespace VantDRCore;
 using namespace VantDRTest;
+using Lines = std::vector<std::string>;
+namespace fs = std::filesystem;

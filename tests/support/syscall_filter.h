@@ -1,9 +1,9 @@
 // The kernel refusing a feature in a child, to reach the code paths of machines that lack it.
 #pragma once
 
-namespace VantDRTest {
-
 #include <errno.h>
+
+namespace VantDRTest {
 
 // From now on here and in children, O_TMPFILE opens fail with `error`. Irreversible: call it in
 // a forked child. False when the filter could not be installed.

@@ -10,11 +10,6 @@
 #include <sstream>
 
 namespace VantDRTest {
-namespace {
-
-int RemoveEntry(const char* path, const struct stat*, int, struct FTW*) { return ::remove(path); }
-
-}  // namespace
 
 TempDir::TempDir(const std::string& parent) {
   for (const std::string& where : {parent, std::string("/tmp")}) {
@@ -27,7 +22,10 @@ TempDir::TempDir(const std::string& parent) {
   std::abort();
 }
 
-TempDir::~TempDir() { nftw(path_.c_str(), RemoveEntry, 16, FTW_DEPTH | FTW_PHYS); }
+TempDir::~TempDir() {
+  const auto remove = [](const char* p, const struct stat*, int, FTW*) { return ::remove(p); };
+  nftw(path_.c_str(), remove, 16, FTW_DEPTH | FTW_PHYS);
+}
 
 std::string TempDir::File(const std::string& name) const { return path_ + "/" + name; }
 
